@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/bus/handler.h"
+#include "platform/bus/thin_runner.h"
+
+namespace tn {
+
+class BusLink;
+
+// The event loop of a program and its place on the bus: one per process, on the stack of main. It is itself the handler of
+// id 0, which every message without a further path reaches.
+//
+// It connects to the broker in the background and joins again, with a growing pause, whenever the broker goes away;
+// pending posts then fail with "unreachable" and everything else goes on. Messages sent while there is no link fail the same way.
+class Looper : public Handler {
+ public:
+  // Thirteen limits and times; 0 takes the default that is named behind each.
+  struct Tuning {
+    unsigned id;                  // bus id to ask for; 0: any free one from 1000 up
+    unsigned rejoinFirstMs;       // first pause before joining again; 20
+    unsigned rejoinMaxMs;         // longest pause; 1000
+    unsigned joinTimeoutMs;       // how long the broker may take to answer a join; 2000
+    unsigned outQueueBytes;       // bytes waiting for the broker before messages are refused; 8 MiB
+    unsigned readBufferBytes;     // one read from the broker; 64 KiB
+    unsigned eventsPerWait;       // readiness events taken per wait; 64
+    unsigned roundsPerTurn;       // times a cached socket is called again before the kernel is asked; 4
+    unsigned framesPerTurn;       // frames handled before sockets get a turn; 256
+    unsigned maxPosts;            // pending posts before one is refused as unreachable; 65536
+    unsigned maxKept;             // messages kept while an exchange waits; 4096
+    unsigned openFiles;           // descriptors wanted; the hard limit
+    unsigned stopSignals;         // 1: SIGTERM and SIGINT are left as they are
+  };
+
+  explicit Looper(const Tuning& tuning = {});
+  ~Looper() override;
+
+  // The runner, the looper and its path to the broker can be replaced for tests (tests/fakes).
+  [[nodiscard]] ThinRunner& runner() { return *runner_; }
+
+  // Registers a handler under an id; it takes the place of one that had it. The handler is not owned.
+  void addHandler(std::uint32_t id, Handler& handler);
+  void removeHandler(std::uint32_t id);
+
+  // Name told to the broker; the program's own name unless set before run().
+  void setName(std::string name);
+  // The id that the broker gave; 0 while there is no link.
+  [[nodiscard]] std::uint32_t busId() const;
+  void joinGroup(std::uint32_t group);
+  void leaveGroup(std::uint32_t group);
+
+  // Runs until quit(), cmdShutdown, SIGTERM or SIGINT.
+  void run();
+  void quit();
+
+ private:
+  std::unique_ptr<ThinRunner> runner_;
+  std::unique_ptr<BusLink> link_;
+};
+
+// The process's looper and its runner: set by the constructor of Looper, cleared by its destructor.
+[[nodiscard]] Looper* getLooper();
+[[nodiscard]] ThinRunner* getRunner();
+
+[[nodiscard]] message errorMsg(std::uint32_t code, std::string_view text);
+[[nodiscard]] bool isError(const message& msg);
+// The text of an error message, or its code in hexadecimal when it has no text; empty when it is no error.
+[[nodiscard]] std::string getError(const message& msg);
+[[nodiscard]] bool isReply(const message& msg);
+
+namespace policies {
+// Whether a message may do what needs a policy: its policies field is absent (a neighbour on the box) or not 0.
+[[nodiscard]] bool is_allowed(const message& msg);
+}  // namespace policies
+
+}  // namespace tn

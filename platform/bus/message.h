@@ -1,0 +1,126 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/bus/field.h"
+
+namespace tn {
+
+// The bus message: a set of typed fields keyed by type and 24-bit id.
+//
+// A message is held as its flattened bytes (docs/bus-protocol.md), which are valid at every moment: they are built by
+// `insert` or have been checked whole by `unflatten`. So flattening is a copy, relaying needs no decoding, and a message
+// costs one allocation. Fields stand in the order of insertion; inserting a key that is there replaces its value in place.
+//
+// Views that a getter returns die at the next call that changes the message.
+class message {
+ public:
+  // Largest string, raw value, nested message or array count: lengths have two bytes on the wire.
+  static constexpr std::size_t maxValueBytes = 65535;
+  // Messages below the outermost one; unflatten refuses more, which bounds the recursion.
+  static constexpr unsigned maxNesting = 32;
+  // Largest flattened message that unflatten accepts and that the bus carries.
+  static constexpr std::size_t maxFlattenedBytes = 4U << 20;
+
+  message();
+
+  // Each inserts or replaces one field. False, and nothing changed: the value (or an element, or the count) is larger
+  // than its length field can say, or the message would pass maxFlattenedBytes.
+  bool insert(bool_id id, bool value);
+  bool insert(u32_id id, std::uint32_t value);
+  bool insert(u64_id id, std::uint64_t value);
+  bool insert(addr6_id id, const Addr6& value);
+  bool insert(string_id id, std::string_view value);
+  bool insert(message_id id, const message& value);
+  bool insert(raw_id id, std::span<const std::uint8_t> value);
+  bool insert_vector(bool_array_id id, std::span<const std::uint8_t> values);  // one byte each, non-zero is true
+  bool insert_vector(u32_array_id id, std::span<const std::uint32_t> values);
+  bool insert_vector(u64_array_id id, std::span<const std::uint64_t> values);
+  bool insert_vector(addr6_array_id id, std::span<const Addr6> values);
+  bool insert_vector(string_array_id id, std::span<const std::string> values);
+  bool insert_vector(message_array_id id, std::span<const message> values);
+  bool insert_vector(raw_array_id id, std::span<const std::vector<std::uint8_t>> values);
+
+  // Each returns the field's value, or nothing when there is no field of that key.
+  [[nodiscard]] std::optional<bool> get(bool_id id) const;
+  [[nodiscard]] std::optional<std::uint32_t> get(u32_id id) const;
+  [[nodiscard]] std::optional<std::uint64_t> get(u64_id id) const;
+  [[nodiscard]] std::optional<Addr6> get(addr6_id id) const;
+  [[nodiscard]] std::optional<std::string_view> get(string_id id) const;
+  [[nodiscard]] std::optional<message> get(message_id id) const;
+  [[nodiscard]] std::optional<std::span<const std::uint8_t>> get(raw_id id) const;
+  [[nodiscard]] std::optional<std::vector<bool>> get(bool_array_id id) const;
+  [[nodiscard]] std::optional<std::vector<std::uint32_t>> get(u32_array_id id) const;
+  [[nodiscard]] std::optional<std::vector<std::uint64_t>> get(u64_array_id id) const;
+  [[nodiscard]] std::optional<std::vector<Addr6>> get(addr6_array_id id) const;
+  [[nodiscard]] std::optional<std::vector<std::string>> get(string_array_id id) const;
+  [[nodiscard]] std::optional<std::vector<message>> get(message_array_id id) const;
+  [[nodiscard]] std::optional<std::vector<std::vector<std::uint8_t>>> get(raw_array_id id) const;
+
+  template <FieldType T>
+  [[nodiscard]] bool has(FieldId<T> id) const {
+    return find(static_cast<std::uint32_t>(T) | id.id).has_value();
+  }
+  // Removes the field of that key; false when there was none.
+  template <FieldType T>
+  bool remove(FieldId<T> id) {
+    return erase(static_cast<std::uint32_t>(T) | id.id);
+  }
+
+  [[nodiscard]] bool empty() const { return bytes_.size() == 2; }
+
+  // First element of a path, and the path without it: what a message loses as it travels. nullopt when the field is
+  // absent or holds no element; the message is then unchanged.
+  std::optional<std::uint32_t> popFront(u32_array_id id);
+  // Puts one element before the others of a path, making the field when it is absent. False as insert.
+  bool pushFront(u32_array_id id, std::uint32_t element);
+
+  // The flattened form. `flatten` replaces what `out` held, or writes to a buffer of at least max_length() bytes, and
+  // returns the length.
+  std::size_t flatten(std::vector<std::uint8_t>& out) const;
+  std::size_t flatten(std::span<std::uint8_t> out) const;
+  [[nodiscard]] std::span<const std::uint8_t> flattened() const { return bytes_; }
+  // Upper bound of the flattened length; here it is the exact length.
+  [[nodiscard]] std::size_t max_length() const { return bytes_.size(); }
+
+  // Replaces this message by the one flattened in `bytes`. Strict: the magic, every type code, every length (nested
+  // messages included), the nesting depth and the end of the last field are checked. The first two bytes may be the
+  // magic or, as the browser tunnel has it, the length of the whole as a big-endian number. A key that comes twice
+  // keeps its last value. False, and this message is empty, when anything is wrong.
+  [[nodiscard]] bool unflatten(std::span<const std::uint8_t> bytes);
+
+  // One field as it stands in the flattened form: for code that shows or translates whole messages.
+  struct Field {
+    FieldType type;
+    std::uint32_t id;
+    std::span<const std::uint8_t> bytes;  // header and payload
+  };
+  // Calls visit(Field) for each field in order.
+  template <typename Visitor>
+  void forEach(Visitor&& visit) const;
+
+  friend bool operator==(const message&, const message&) = default;
+
+ private:
+  struct Range {
+    std::size_t begin;
+    std::size_t end;
+  };
+  [[nodiscard]] std::optional<Range> find(std::uint32_t key) const;
+  [[nodiscard]] static std::size_t fieldLength(std::span<const std::uint8_t> rest);
+  bool erase(std::uint32_t key);
+  bool replace(std::uint32_t key, std::span<const std::uint8_t> field);
+
+  std::vector<std::uint8_t> bytes_;
+};
+
+template <typename Visitor>
+void message::forEach(Visitor&& visit) const;
+
+}  // namespace tn

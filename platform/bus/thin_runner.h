@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "platform/bus/timer.h"
+#include "platform/bus/timer_queue.h"
+
+namespace tn {
+
+// The poll bits that sockets are watched for and told of.
+inline constexpr unsigned readable = 1;
+inline constexpr unsigned writable = 4;
+inline constexpr unsigned hangUp = 16;  // always told, never asked for
+
+// How the runner learns that a socket has nothing more to give.
+enum class Trigger : std::uint8_t {
+  // The kernel is asked anew each time: a callback that leaves bytes behind is called again. changeSocket costs a
+  // system call. For listeners and whatever is watched rarely.
+  level,
+  // The runner remembers what the socket is ready for until the callback says `drained`, so changing the interest costs
+  // nothing and an answer can be written in the turn that brought the request. A callback that neither drains the socket
+  // nor changes the interest is called again in the same turn. For connections.
+  cached,
+};
+
+// Socket readiness and timers of one thread. The loop's runner waits with epoll; tests turn a fake by hand.
+//
+// The runner never owns or closes a descriptor. Callbacks may add, change and remove any socket, their own included, and
+// may destroy the object that they are bound to; a removed socket is never called again, even when the same descriptor
+// number is added anew in the same turn.
+class ThinRunner {
+ public:
+  using SocketCallback = std::function<void(int fd, unsigned events)>;
+  using TimerCallback = std::function<void()>;
+  // 0 is no timer.
+  using TimerHandle = std::uint64_t;
+
+  ThinRunner() = default;
+  ThinRunner(const ThinRunner&) = delete;
+  ThinRunner& operator=(const ThinRunner&) = delete;
+  virtual ~ThinRunner() = default;
+
+  // Watches a socket for the bits of `mask`; 0 watches for nothing but a hang-up. The socket is made non-blocking.
+  // False: it is watched already, or the kernel refuses it (errno says why).
+  virtual bool addSocket(int fd, unsigned mask, SocketCallback callback, Trigger trigger) = 0;
+  bool addSocket(int fd, unsigned mask, SocketCallback callback) {
+    return addSocket(fd, mask, std::move(callback), Trigger::level);
+  }
+  // Replaces the mask. False: the socket is not watched (also for -1).
+  virtual bool changeSocket(int fd, unsigned mask) = 0;
+  // Stops watching; may be called just before or just after the descriptor is closed. False: it was not watched.
+  virtual bool removeSocket(int fd) = 0;
+  // For cached sockets: a read or write of this socket took less than it was offered, or failed with EAGAIN, so `bits`
+  // have to be announced by the kernel again before the next call.
+  virtual void drained(int fd, unsigned bits) = 0;
+
+  // Arms a one-shot timer. The handle is never given twice.
+  TimerHandle addTimer(std::uint32_t ms, TimerCallback callback) { return timers_.add(ms, std::move(callback)); }
+  // False: no such timer (it ran, or was removed); harmless.
+  bool removeTimer(TimerHandle handle) { return timers_.remove(handle); }
+
+  [[nodiscard]] TimerQueue& timers() { return timers_; }
+
+ private:
+  TimerQueue timers_;
+};
+
+}  // namespace tn

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+
+namespace tn {
+
+using Clock = std::chrono::steady_clock;
+
+class TimerQueue;
+
+// A one-shot timer that its owner keeps as a member. Destroying it cancels it; once cancelled its callable never runs.
+// The queue it is armed on must outlive it. The callable may arm, cancel or destroy the timer it belongs to.
+class Timer {
+ public:
+  using Callback = std::function<void()>;
+
+  Timer() = default;
+  explicit Timer(Callback callback) : callback_(std::move(callback)) {}
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+  ~Timer() { cancel(); }
+
+  // What runs when the timer expires. Not to be called from within the callable itself.
+  void setCallback(Callback callback) { callback_ = std::move(callback); }
+
+  // Arms the timer for `ms` milliseconds from the queue's current time; one that is armed is armed anew.
+  // O(1), no system call.
+  void start(TimerQueue& queue, std::uint32_t ms);
+  void cancel();
+  [[nodiscard]] bool armed() const { return lane_ != nullptr; }
+
+ private:
+  friend class TimerQueue;
+  struct Lane;
+  Lane* lane_ = nullptr;  // the queue's list that holds this timer; null when not armed
+  Timer* previous_ = nullptr;
+  Timer* next_ = nullptr;
+  Clock::time_point deadline_{};
+  Callback callback_;
+};
+
+}  // namespace tn

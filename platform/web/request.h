@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "platform/web/headers.h"
+#include "platform/web/ip_addr6.h"
+
+namespace tn {
+class message;
+}
+
+// Methods by their number in stored requests.
+enum class Method : std::uint8_t {
+  unknown = 0,
+  get = 1,
+  head = 2,
+  post = 3,
+  options = 4,
+  put = 5,
+  del = 6,
+  trace = 7,
+  connect = 8,
+};
+
+enum class Protocol : std::uint8_t { unknown = 0, http = 1 };
+
+inline constexpr std::uint32_t version09 = 9;    // a request line without a version
+inline constexpr std::uint32_t version10 = 256;  // major x 256 + minor
+inline constexpr std::uint32_t version11 = 257;
+
+// One request: what the client sent, and how its servlet wants the body. Owned by its connection; the public members
+// are the contract between the connection engine and the servlets.
+class Request {
+ public:
+  Request(bool tls, bool unixListener) : ssl(tls), unix(unixListener) {}
+  Request(const Request&) = delete;
+  Request& operator=(const Request&) = delete;
+
+  // Takes the request line, without its line end (RFC 9112, 3). False: it is malformed; `protocol` is then Protocol::unknown when
+  // the version is of another protocol or of HTTP but not 1.x, else `method` is Method::unknown when the method is a token that this server does not
+  // know. A line of method and target alone is HTTP/0.9.
+  [[nodiscard]] bool parseStatusLine(std::string_view line);
+
+  // Ready for the next request of the same connection: addresses, `ssl` and `unix` stay.
+  void reset();
+
+  // Writes the request into a message for a service that answers in the server's place (docs/forwarded-requests.md).
+  void store(tn::message& msg) const;
+
+  // The method as sent; for a forwarded request whose method has no number.
+  Headers headers;
+  std::string uri;  // target as received, query included
+  std::string pathInfo;
+  bool pathInfoSet = false;
+  std::string query;  // after the first "?"
+  Method method = Method::get;
+  Protocol protocol = Protocol::http;
+  std::uint32_t version = version11;
+
+  IPAddr6 peerAddress;
+  std::uint32_t peerPort = 0;
+  IPAddr6 localAddress;
+  std::uint32_t localPort = 0;
+  IPAddr6 originalAddress;  // before the firewall's translation; valid when hasOriginal
+  std::uint32_t originalPort = 0;
+  bool hasOriginal = false;
+  const bool ssl;
+  const bool unix;
+  std::uint32_t forwardTag = 0;
+
+  // How the body of a POST is to arrive: -1 not at all, 0 as it comes, N in pieces of exactly N bytes.
+  int bodyChunk = -1;
+  std::function<void(std::string_view chunk, bool last)> bodyConsumer;
+  // Runs once, when the request ends or its connection is destroyed.
+  std::function<void()> onRequestEnd;
+};
