@@ -1,0 +1,135 @@
+#!/usr/bin/env python3
+"""www beside nginx, lighttpd, h2o and a bare read-and-write loop: the same tree, the same load, one run, interleaved.
+
+  run.py --build DIR [--seconds S] [--rounds N] [--cores same|separate|both] [--json FILE]
+
+Printed for each case: requests a second, processor microseconds a request of the server's process, the 99th percentile
+of the latency, resident memory after the load, and the ratio of the processor time to nginx's. Each figure is the
+median of the rounds.
+"""
+
+import argparse
+import json
+import pathlib
+import re
+import statistics
+import subprocess
+import sys
+import tempfile
+
+import servers
+
+CASES = [
+    # name, file, bytes, connections, keep-alive
+    ("1 KB keep-alive", "1k.bin", 1024, 50, True),
+    ("12 KB keep-alive", "12k.bin", 12288, 50, True),
+    ("1 MB keep-alive", "1m.bin", 1 << 20, 8, True),
+    ("1 KB connection per request", "1k.bin", 1024, 50, False),
+]
+
+UNITS = {"us": 1.0, "ms": 1e3, "s": 1e6}
+
+
+def make_tree(folder):
+    for _, name, size, _, _ in CASES:
+        (folder / name).write_bytes(bytes(i * 31 % 251 for i in range(min(size, 4096))) * (size // min(size, 4096)))
+    return folder
+
+
+def load(server, case, seconds, cpu):
+    """One round of load on one server; returns its figures."""
+    _, name, _, connections, keep = case
+    before = servers.processor_ns(server.pids)
+    command = ["taskset", "-c", str(cpu), "wrk", "-t1", f"-c{connections}", f"-d{seconds}s", "--latency"]
+    if not keep:
+        command += ["-H", "Connection: close"]
+    text = subprocess.run([*command, f"http://127.0.0.1:{server.port}/{name}"], check=True, capture_output=True,
+                          text=True).stdout
+    used = servers.processor_ns(server.pids) - before
+    requests = int(re.search(r"(\d+) requests in", text).group(1))
+    rate = float(re.search(r"Requests/sec:\s+([\d.]+)", text).group(1))
+    value, unit = re.search(r"99%\s+([\d.]+)(us|ms|s)", text).groups()
+    bad = re.search(r"Non-2xx or 3xx responses: (\d+)", text)
+    if bad or requests == 0:
+        raise RuntimeError(f"{server.name}: {text}")
+    return {"rate": rate, "cpu_us": used / 1000 / requests, "p99_us": float(value) * UNITS[unit],
+            "rss_kib": servers.resident_kib(server.pids)}
+
+
+def start_all(work, tree, build, case, cpu):
+    _, name, _, _, keep = case
+    started = []
+    try:
+        for make in (servers.start_nginx, servers.start_lighttpd, servers.start_h2o):
+            started.append(make(work, tree, cpu))
+        started.append(servers.start_bare(work, tree, cpu, build, name, keep))
+        started.append(servers.start_www(work, tree, cpu, build))
+        for server in started:
+            server.settle()
+    except BaseException:
+        stop_all(started)
+        raise
+    return started
+
+
+def stop_all(started):
+    for server in started:
+        server.stop()
+
+
+def measure(case, build, seconds, rounds, cores):
+    server_cpu, load_cpu = (0, 0) if cores == "same" else (0, 1)
+    with tempfile.TemporaryDirectory(prefix="tarn-bench-") as name:
+        work = pathlib.Path(name)
+        work.chmod(0o755)
+        tree = work / "tree"
+        tree.mkdir()
+        make_tree(tree)
+        started = start_all(work, tree, build, case, server_cpu)
+        try:
+            samples = {server.name: [] for server in started}
+            for server in started:
+                load(server, case, 1, load_cpu)
+            for _ in range(rounds):
+                for server in started:
+                    samples[server.name].append(load(server, case, seconds, load_cpu))
+        finally:
+            stop_all(started)
+    return {name: {key: statistics.median(s[key] for s in list_) for key in list_[0]}
+            for name, list_ in samples.items()}
+
+
+def show(title, result):
+    print(f"\n{title}")
+    print(f"  {'server':<10} {'req/s':>9} {'cpu us/req':>11} {'of nginx':>9} {'p99 us':>9} {'RSS KiB':>8}")
+    base = result["nginx"]["cpu_us"]
+    for name, r in result.items():
+        print(f"  {name:<10} {r['rate']:>9.0f} {r['cpu_us']:>11.2f} {r['cpu_us'] / base:>9.2f} {r['p99_us']:>9.0f}"
+              f" {r['rss_kib']:>8.0f}")
+    sys.stdout.flush()
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--build", type=pathlib.Path, required=True)
+    parser.add_argument("--seconds", type=int, default=3)
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--cores", choices=("same", "separate", "both"), default="both")
+    parser.add_argument("--case", help="only the cases whose name holds this text")
+    parser.add_argument("--json", type=pathlib.Path)
+    options = parser.parse_args()
+    lines = []
+    for cores in ("same", "separate") if options.cores == "both" else (options.cores,):
+        for case in CASES:
+            if options.case and options.case not in case[0]:
+                continue
+            result = measure(case, options.build.resolve(), options.seconds, options.rounds, cores)
+            show(f"{case[0]}, {case[3]} connections, server and load on {'one core' if cores == 'same' else 'two cores'}",
+                 result)
+            lines += [{"case": case[0], "cores": cores, "server": name, **r} for name, r in result.items()]
+    if options.json:
+        options.json.write_text("".join(json.dumps(line) + "\n" for line in lines))
+
+
+if __name__ == "__main__":
+    main()
