@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <utility>
 
 #include "platform/bus/timer.h"
 #include "platform/bus/timer_queue.h"
@@ -19,16 +20,17 @@ enum class Trigger : std::uint8_t {
   // system call. For listeners and whatever is watched rarely.
   level,
   // The runner remembers what the socket is ready for until the callback says `drained`, so changing the interest costs
-  // nothing and an answer can be written in the turn that brought the request. A callback that neither drains the socket
+  // nothing and an answer can be written in the turn that brought the request. A callback that neither drains the
+  // socket
   // nor changes the interest is called again in the same turn. For connections.
   cached,
 };
 
 // Socket readiness and timers of one thread. The loop's runner waits with epoll; tests turn a fake by hand.
 //
-// The runner never owns or closes a descriptor. Callbacks may add, change and remove any socket, their own included, and
-// may destroy the object that they are bound to; a removed socket is never called again, even when the same descriptor
-// number is added anew in the same turn.
+// The runner never owns or closes a descriptor. Callbacks may add, change and remove any socket, their own included,
+// and may destroy the object that they are bound to; a removed socket is never called again, even when the same
+// descriptor number is added anew in the same turn.
 class ThinRunner {
  public:
   using SocketCallback = std::function<void(int fd, unsigned events)>;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <utility>
 
 namespace tn {
 
@@ -20,9 +21,9 @@ class Timer {
   explicit Timer(Callback callback) : callback_(std::move(callback)) {}
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
-  ~Timer() { cancel(); }
+  ~Timer();
 
-  // What runs when the timer expires. Not to be called from within the callable itself.
+  // What runs when the timer expires. Called from within the callable itself, it holds from the next expiry on.
   void setCallback(Callback callback) { callback_ = std::move(callback); }
 
   // Arms the timer for `ms` milliseconds from the queue's current time; one that is armed is armed anew.
@@ -34,9 +35,12 @@ class Timer {
  private:
   friend class TimerQueue;
   struct Lane;
+  void expire();
+
   Lane* lane_ = nullptr;  // the queue's list that holds this timer; null when not armed
   Timer* previous_ = nullptr;
   Timer* next_ = nullptr;
+  Timer** running_ = nullptr;  // set while the callable runs; emptied by the destructor
   Clock::time_point deadline_{};
   Callback callback_;
 };
