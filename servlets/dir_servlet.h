@@ -1,0 +1,24 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/web/servlet.h"
+
+// Serves files: all of a directory tree, or one file.
+class DirServlet : public Servlet {
+ public:
+  // `root` is a directory or a file. With `isPublic`, only what lies below a directory that holds a ".public" file is
+  // served. With `cacheable`, files are sent with a year of caching.
+  DirServlet(std::string root, bool isPublic, bool cacheable);
+
+  // Whether `root` is a directory now. The answer also serves the doGet that follows in the same request.
+  bool isDirectory() override;
+  void doGet(Request& request, Response& response) override;
+
+ private:
+  std::string root_;
+  bool isPublic_;
+  bool cacheable_;
+  std::optional<bool> knownDirectory_;  // the last answer of isDirectory, until a doGet has used it
+};
