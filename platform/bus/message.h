@@ -15,23 +15,26 @@ namespace tn {
 // The bus message: a set of typed fields keyed by type and 24-bit id.
 //
 // A message is held as its flattened bytes (docs/bus-protocol.md), which are valid at every moment: they are built by
-// `insert` or have been checked whole by `unflatten`. So flattening is a copy, relaying needs no decoding, and a message
-// costs one allocation. Fields stand in the order of insertion; inserting a key that is there replaces its value in place.
+// `insert` or have been checked whole by `unflatten`. So flattening is a copy, relaying needs no decoding, and a
+// message costs one allocation. Fields stand in the order of insertion; inserting a key that is there replaces its
+// value in place.
 //
 // Views that a getter returns die at the next call that changes the message.
 class message {
  public:
   // Largest string, raw value, nested message or array count: lengths have two bytes on the wire.
   static constexpr std::size_t maxValueBytes = 65535;
-  // Messages below the outermost one; unflatten refuses more, which bounds the recursion.
+  // Messages below the outermost one; neither unflatten nor insert makes more, which bounds every recursion.
   static constexpr unsigned maxNesting = 32;
   // Largest flattened message that unflatten accepts and that the bus carries.
   static constexpr std::size_t maxFlattenedBytes = 4U << 20;
 
-  message();
+  // The message without fields; so is one that was moved from.
+  message() = default;
 
-  // Each inserts or replaces one field. False, and nothing changed: the value (or an element, or the count) is larger
-  // than its length field can say, or the message would pass maxFlattenedBytes.
+  // Each inserts or replaces one field. The value may be a view of this very message. False, and nothing changed: the
+  // value (or an element, or the count) is larger than its length field can say, messages would be nested deeper than
+  // maxNesting, or the message would pass maxFlattenedBytes.
   bool insert(bool_id id, bool value);
   bool insert(u32_id id, std::uint32_t value);
   bool insert(u64_id id, std::uint64_t value);
@@ -73,21 +76,21 @@ class message {
     return erase(static_cast<std::uint32_t>(T) | id.id);
   }
 
-  [[nodiscard]] bool empty() const { return bytes_.size() == 2; }
+  [[nodiscard]] bool empty() const { return bytes_.empty(); }
 
   // First element of a path, and the path without it: what a message loses as it travels. nullopt when the field is
-  // absent or holds no element; the message is then unchanged.
+  // absent or holds no element; the message is then unchanged. The last element leaves an empty path behind.
   std::optional<std::uint32_t> popFront(u32_array_id id);
   // Puts one element before the others of a path, making the field when it is absent. False as insert.
   bool pushFront(u32_array_id id, std::uint32_t element);
 
   // The flattened form. `flatten` replaces what `out` held, or writes to a buffer of at least max_length() bytes, and
-  // returns the length.
+  // returns the length. `flattened` looks at it without a copy.
   std::size_t flatten(std::vector<std::uint8_t>& out) const;
   std::size_t flatten(std::span<std::uint8_t> out) const;
-  [[nodiscard]] std::span<const std::uint8_t> flattened() const { return bytes_; }
+  [[nodiscard]] std::span<const std::uint8_t> flattened() const;
   // Upper bound of the flattened length; here it is the exact length.
-  [[nodiscard]] std::size_t max_length() const { return bytes_.size(); }
+  [[nodiscard]] std::size_t max_length() const { return flattened().size(); }
 
   // Replaces this message by the one flattened in `bytes`. Strict: the magic, every type code, every length (nested
   // messages included), the nesting depth and the end of the last field are checked. The first two bytes may be the
@@ -95,32 +98,67 @@ class message {
   // keeps its last value. False, and this message is empty, when anything is wrong.
   [[nodiscard]] bool unflatten(std::span<const std::uint8_t> bytes);
 
-  // One field as it stands in the flattened form: for code that shows or translates whole messages.
+  // One field as it stands in the flattened form: for code that shows or translates whole messages. It is a view of the
+  // message. `as...` gives the value; only the one that fits the type may be called.
   struct Field {
     FieldType type;
     std::uint32_t id;
     std::span<const std::uint8_t> bytes;  // header and payload
+
+    [[nodiscard]] bool asBool() const;
+    [[nodiscard]] std::uint32_t asU32() const;
+    [[nodiscard]] std::uint64_t asU64() const;
+    [[nodiscard]] Addr6 asAddr6() const;
+    [[nodiscard]] std::string_view asString() const;
+    [[nodiscard]] message asMessage() const;
+    [[nodiscard]] std::span<const std::uint8_t> asRaw() const;
+    [[nodiscard]] std::vector<bool> asBools() const;
+    [[nodiscard]] std::vector<std::uint32_t> asU32s() const;
+    [[nodiscard]] std::vector<std::uint64_t> asU64s() const;
+    [[nodiscard]] std::vector<Addr6> asAddr6s() const;
+    [[nodiscard]] std::vector<std::string> asStrings() const;
+    [[nodiscard]] std::vector<message> asMessages() const;
+    [[nodiscard]] std::vector<std::vector<std::uint8_t>> asRaws() const;
   };
-  // Calls visit(Field) for each field in order.
+  // Calls visit(Field) for each field in order. The visitor must not change the message.
   template <typename Visitor>
   void forEach(Visitor&& visit) const;
 
+  // Same fields, same order, same bytes.
   friend bool operator==(const message&, const message&) = default;
 
  private:
-  struct Range {
-    std::size_t begin;
-    std::size_t end;
-  };
-  [[nodiscard]] std::optional<Range> find(std::uint32_t key) const;
-  [[nodiscard]] static std::size_t fieldLength(std::span<const std::uint8_t> rest);
-  bool erase(std::uint32_t key);
-  bool replace(std::uint32_t key, std::span<const std::uint8_t> field);
+  static constexpr std::size_t magicBytes = 2;
 
+  // The message whose flattened form, already known to be valid, is `bytes`.
+  [[nodiscard]] static message fromValid(std::span<const std::uint8_t> bytes);
+  // Length of the first field of `rest`; 0 when it is cut off or of no known form. Nested messages are not looked into.
+  [[nodiscard]] static std::size_t fieldLength(std::span<const std::uint8_t> rest);
+  [[nodiscard]] static bool validFields(std::span<const std::uint8_t> fields, unsigned nesting);
+  [[nodiscard]] static bool validNested(const Field& field, unsigned nesting);
+  [[nodiscard]] static bool validElement(std::span<const std::uint8_t> bytes, unsigned nesting);
+  [[nodiscard]] static Field fieldAt(std::span<const std::uint8_t> rest);
+  [[nodiscard]] std::optional<Field> find(std::uint32_t key) const;
+  [[nodiscard]] bool mayRepeatKeys() const;
+  void dropRepeatedKeys();
+  // Makes the field of `header` with room for that many bytes of payload and returns where the payload goes; null when
+  // the message would become too large.
+  std::uint8_t* makeRoom(std::uint32_t header, std::size_t payloadBytes);
+  bool insertBytes(std::uint32_t key, std::span<const std::uint8_t> value);
+  bool insertElements(std::uint32_t key, std::size_t count, std::span<const std::uint8_t> elements);
+  bool erase(std::uint32_t key);
+
+  // The flattened form, or nothing at all for the message without fields.
   std::vector<std::uint8_t> bytes_;
 };
 
 template <typename Visitor>
-void message::forEach(Visitor&& visit) const;
+void message::forEach(Visitor&& visit) const {
+  for (std::size_t at = magicBytes; at < bytes_.size();) {
+    const Field field = fieldAt(std::span(bytes_).subspan(at));
+    at += field.bytes.size();
+    visit(field);
+  }
+}
 
 }  // namespace tn
