@@ -1,0 +1,88 @@
+# shellcheck shell=bash
+# What ./run and ./test share: packages, quiet steps with a log, the build. To be sourced by bash from the root of the tree.
+
+logs=build/log
+jobs=$(nproc)
+
+say() { printf '%s\n' "$*" >&2; }
+die() {
+  say "$0: $*"
+  exit 1
+}
+
+# The packages of the arguments that Debian's package manager does not have installed.
+missing_packages() {
+  local package
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || printf '%s\n' "$package"
+  done
+}
+
+# Installs what is missing of the arguments, or says what to do about it and ends the script.
+need_packages() {
+  local tool missing as_root=()
+  for tool in dpkg-query apt-get; do
+    command -v "$tool" >/dev/null || die "this is no Debian machine; install by hand what Debian calls: $*"
+  done
+  missing=$(missing_packages "$@")
+  [ -n "$missing" ] || return 0
+  missing=${missing//$'\n'/ }
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || die "not root and no sudo; as root: apt-get install $missing"
+    sudo -v || die "sudo refused; as root: apt-get install $missing"
+    as_root=(sudo)
+  fi
+  # shellcheck disable=SC2086 # one word per package is what is meant
+  quietly install "installing $missing" install_packages $missing ||
+    die "apt-get could not install them; as root: apt-get install $missing"
+}
+
+install_packages() {
+  "${as_root[@]}" apt-get update -q &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "$@"
+}
+
+# quietly NAME LABEL COMMAND...: runs a command with its output in build/log/NAME.log. A terminal is shown what goes on;
+# a command that fails has the end of its log shown.
+quietly() {
+  local log=$logs/$1.log label=$2 painter='' status
+  shift 2
+  mkdir -p "$logs"
+  : >"$log"
+  if [ -t 2 ]; then
+    paint "$log" "$label" &
+    painter=$!
+  fi
+  "$@" >"$log" 2>&1 </dev/null
+  status=$?
+  if [ -n "$painter" ]; then
+    kill "$painter"
+    wait "$painter" 2>/dev/null
+    printf '\r\033[K' >&2
+  fi
+  if [ "$status" -ne 0 ]; then
+    say "$label failed; the end of $log:"
+    tail -n 40 "$log" | sed 's/^/    /' >&2
+  fi
+  return "$status"
+}
+
+# Keeps one line of the terminal up to date for as long as the script lives.
+paint() {
+  local began=$SECONDS
+  while kill -0 $$ 2>/dev/null; do
+    printf '\r\033[K%s (%d s) %s' "$2" $((SECONDS - began)) "$(last_step "$1")" >&2
+    sleep 0.5
+  done
+}
+
+# The step counter that a build printed last, such as [12/80].
+last_step() { tail -c 4096 "$1" | tr '\r' '\n' | sed -n 's/^\(\[[0-9]*\/[0-9]*\]\).*/\1/p' | tail -n 1; }
+
+# build_tree DIRECTORY [CMAKE-OPTION...]: configures and builds.
+build_tree() {
+  local directory=$1
+  shift
+  if command -v ccache >/dev/null; then set -- -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "$@"; fi
+  cmake -G Ninja -S . -B "$directory" "$@" && ninja -C "$directory" -j "$jobs"
+}
