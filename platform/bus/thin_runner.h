@@ -49,10 +49,18 @@ class ThinRunner {
   bool addSocket(int fd, unsigned mask, SocketCallback callback) {
     return addSocket(fd, mask, std::move(callback), Trigger::level);
   }
+  // As addSocket with Trigger::cached, for a socket that was made non-blocking when it was made (accept4): saves the
+  // call that would make it so.
+  virtual bool addNonBlocking(int fd, unsigned mask, SocketCallback callback) {
+    return addSocket(fd, mask, std::move(callback), Trigger::cached);
+  }
   // Replaces the mask. False: the socket is not watched (also for -1).
   virtual bool changeSocket(int fd, unsigned mask) = 0;
   // Stops watching; may be called just before or just after the descriptor is closed. False: it was not watched.
   virtual bool removeSocket(int fd) = 0;
+  // As removeSocket, for a descriptor that is closed before the next wait and of which no copy lives on (in another
+  // process, say): closing it ends the watch, so that no system call is spent on it here.
+  virtual bool forgetSocket(int fd) { return removeSocket(fd); }
   // For cached sockets: a read or write of this socket took less than it was offered, or failed with EAGAIN, so `bits`
   // have to be announced by the kernel again before the next call.
   virtual void drained(int fd, unsigned bits) = 0;

@@ -1,0 +1,213 @@
+#include "platform/bus/epoll_runner.h"
+
+#include <cassert>
+#include <cerrno>
+#include <sys/ioctl.h>
+#include <utility>
+
+namespace tn {
+
+namespace {
+
+constexpr unsigned interestBits = readable | writable;
+
+std::uint32_t kernelMask(unsigned mask, bool cached) {
+  if (cached) return EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+  // Errors and hang-ups are announced unasked; to a socket that is not listened to once, lest each wait end at once.
+  if ((mask & interestBits) == 0) return EPOLLET;
+  return ((mask & readable) != 0 ? std::uint32_t{EPOLLIN} : 0U) |
+         ((mask & writable) != 0 ? std::uint32_t{EPOLLOUT} : 0U);
+}
+
+// An error is told as readiness for everything: the next read or write returns it.
+std::uint8_t readyBits(std::uint32_t events) {
+  unsigned bits = 0;
+  if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) bits |= readable;
+  if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) != 0) bits |= writable;
+  if ((events & EPOLLHUP) != 0) bits |= hangUp;
+  return static_cast<std::uint8_t>(bits);
+}
+
+// Once the peer has ended its direction a read never waits again, and after a hang-up a write does not either. Without
+// this, data and end arriving together would be a short read, `drained`, and an end that is never announced again.
+std::uint8_t lastingBits(std::uint32_t events) {
+  if ((events & EPOLLHUP) != 0) return readable | writable;
+  return (events & EPOLLRDHUP) != 0 ? readable : 0;
+}
+
+std::uint64_t eventTag(int fd, std::uint32_t generation) {
+  return (std::uint64_t{generation} << 32) | static_cast<std::uint32_t>(fd);
+}
+
+bool makeNonBlocking(int fd) {
+  int on = 1;
+  return ioctl(fd, FIONBIO, &on) == 0;
+}
+
+}  // namespace
+
+EpollRunner::EpollRunner(unsigned eventsPerWait, unsigned roundsPerTurn)
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      roundsPerTurn_(roundsPerTurn != 0 ? roundsPerTurn : defaultRoundsPerTurn),
+      events_(eventsPerWait != 0 ? eventsPerWait : defaultEventsPerWait) {}
+
+EpollRunner::Slot* EpollRunner::find(int fd) {
+  if (fd < 0 || static_cast<std::size_t>(fd) >= slots_.size()) return nullptr;
+  Slot& slot = slots_[static_cast<std::size_t>(fd)];
+  return slot.watched ? &slot : nullptr;
+}
+
+EpollRunner::Slot* EpollRunner::find(const Entry& entry) {
+  Slot* slot = find(entry.fd);
+  return slot != nullptr && slot->generation == entry.generation ? slot : nullptr;
+}
+
+bool EpollRunner::addSocket(int fd, unsigned mask, SocketCallback callback, Trigger trigger) {
+  if (!makeNonBlocking(fd)) return false;
+  return add(fd, mask, std::move(callback), trigger == Trigger::cached);
+}
+
+bool EpollRunner::addNonBlocking(int fd, unsigned mask, SocketCallback callback) {
+  return add(fd, mask, std::move(callback), true);
+}
+
+bool EpollRunner::add(int fd, unsigned mask, SocketCallback callback, bool cached) {
+  assert(callback);
+  if (fd < 0) {
+    errno = EBADF;
+    return false;
+  }
+  if (find(fd) != nullptr) {
+    errno = EEXIST;
+    return false;
+  }
+  const auto index = static_cast<std::size_t>(fd);
+  if (index >= slots_.size()) slots_.resize(index + 1);
+  Slot& slot = slots_[index];
+  ++slot.generation;
+  epoll_event event{};
+  event.events = kernelMask(mask, cached);
+  event.data.u64 = eventTag(fd, slot.generation);
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) return false;
+  slot.callback = std::move(callback);
+  slot.mask = static_cast<std::uint8_t>(mask & interestBits);
+  slot.cached = cached;
+  slot.watched = true;
+  return true;
+}
+
+bool EpollRunner::changeSocket(int fd, unsigned mask) {
+  Slot* slot = find(fd);
+  if (slot == nullptr) return false;
+  const auto wanted = static_cast<std::uint8_t>(mask & interestBits);
+  if (!slot->cached && wanted != slot->mask) {
+    epoll_event event{};
+    event.events = kernelMask(wanted, false);
+    event.data.u64 = eventTag(fd, slot->generation);
+    if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event) != 0) return false;
+  }
+  slot->mask = wanted;
+  if (slot->cached && (slot->ready & wanted) != 0) enqueue(fd, *slot);
+  return true;
+}
+
+bool EpollRunner::removeSocket(int fd) {
+  Slot* slot = find(fd);
+  if (slot == nullptr) return false;
+  // Fails when the descriptor was closed before, which removed it already.
+  const int saved = errno;
+  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+  errno = saved;
+  vacate(*slot);
+  return true;
+}
+
+bool EpollRunner::forgetSocket(int fd) {
+  Slot* slot = find(fd);
+  if (slot == nullptr) return false;
+  vacate(*slot);
+  return true;
+}
+
+// The callback goes last: what it holds may come back to the runner while it is destroyed.
+void EpollRunner::vacate(Slot& slot) {
+  const SocketCallback callback = std::exchange(slot.callback, nullptr);
+  ++slot.generation;
+  slot.mask = 0;
+  slot.ready = 0;
+  slot.lasting = 0;
+  slot.watched = false;
+  slot.queued = false;
+}
+
+void EpollRunner::drained(int fd, unsigned bits) {
+  Slot* slot = find(fd);
+  if (slot == nullptr) return;
+  slot->ready = static_cast<std::uint8_t>((slot->ready & ~bits) | slot->lasting);
+}
+
+void EpollRunner::enqueue(int fd, Slot& slot) {
+  if (slot.queued) return;
+  slot.queued = true;
+  pending_.push_back({fd, slot.generation});
+}
+
+bool EpollRunner::turn(bool mayWait) {
+  int timeout = 0;
+  if (mayWait && pending_.empty()) {
+    if (timers().nextDeadline()) timers().setNow(Clock::now());
+    timeout = timers().nextTimeout();
+  }
+  const int count = epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeout);
+  if (count < 0 && errno != EINTR) return false;
+  timers().setNow(Clock::now());
+  for (int i = 0; i < count; ++i)
+    note(events_[static_cast<std::size_t>(i)]);
+  callReady();
+  timers().runExpired(timers().now());
+  return true;
+}
+
+void EpollRunner::note(const epoll_event& event) {
+  const Entry entry{static_cast<int>(event.data.u64 & 0xFFFFFFFF), static_cast<std::uint32_t>(event.data.u64 >> 32)};
+  Slot* slot = find(entry);
+  if (slot == nullptr) return;
+  slot->ready |= readyBits(event.events);
+  if (slot->cached) slot->lasting |= lastingBits(event.events);
+  if ((slot->ready & (slot->mask | hangUp)) != 0) enqueue(entry.fd, *slot);
+}
+
+// Each round calls every ready socket once, so one that never drains cannot keep the others waiting; what is ready
+// after the last round is left for the next turn, which asks the kernel about the rest without waiting.
+void EpollRunner::callReady() {
+  for (unsigned round = 0; round < roundsPerTurn_ && !pending_.empty(); ++round) {
+    round_.swap(pending_);
+    for (const Entry& entry : round_)
+      call(entry);
+    round_.clear();
+  }
+}
+
+// The callback is moved out while it runs: it may remove its own socket, or add others, which moves the slots.
+void EpollRunner::call(const Entry& entry) {
+  Slot* slot = find(entry);
+  if (slot == nullptr) return;
+  slot->queued = false;
+  const unsigned told = slot->ready & (slot->mask | hangUp);
+  if (told == 0) return;
+  // A hang-up by itself is told once, else a socket that waits for nothing would be called for ever; it goes along with
+  // whatever is told later.
+  if (slot->cached) {
+    slot->ready &= static_cast<std::uint8_t>(~hangUp);
+  } else {
+    slot->ready = 0;
+  }
+  SocketCallback callback = std::move(slot->callback);
+  callback(entry.fd, told | ((slot->lasting & writable) != 0 ? hangUp : 0U));
+  slot = find(entry);
+  if (slot == nullptr) return;
+  slot->callback = std::move(callback);
+  if (slot->cached && (slot->ready & slot->mask) != 0) enqueue(entry.fd, *slot);
+}
+
+}  // namespace tn

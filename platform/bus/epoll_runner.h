@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstdint>
+#include <sys/epoll.h>
+#include <vector>
+
+#include "platform/bus/thin_runner.h"
+#include "platform/unique_fd.h"
+
+namespace tn {
+
+// The runner of real programs: epoll.
+//
+// Level sockets are registered with the mask that is asked for. Cached sockets are registered once, edge-triggered, for
+// everything; what the kernel announced is remembered in the slot until the callback says `drained`, and the mask only
+// selects what is told. So between two waits no system call is spent on interest, and a socket whose mask changes to
+// something it is ready for is called in the same turn.
+//
+// A slot has a generation, which every add and remove changes. It travels with the kernel's events and with the queue
+// of sockets to be called, so neither reaches a socket that got the same descriptor number later in the same turn.
+class EpollRunner : public ThinRunner {
+ public:
+  static constexpr unsigned defaultEventsPerWait = 64;
+  static constexpr unsigned defaultRoundsPerTurn = 4;
+
+  // 0 takes the default.
+  EpollRunner(unsigned eventsPerWait, unsigned roundsPerTurn);
+  EpollRunner() : EpollRunner(0, 0) {}
+
+  using ThinRunner::addSocket;
+  bool addSocket(int fd, unsigned mask, SocketCallback callback, Trigger trigger) override;
+  bool addNonBlocking(int fd, unsigned mask, SocketCallback callback) override;
+  bool changeSocket(int fd, unsigned mask) override;
+  bool removeSocket(int fd) override;
+  bool forgetSocket(int fd) override;
+  void drained(int fd, unsigned bits) override;
+
+  // One turn: waits until a socket is ready or a timer expires (not at all when `mayWait` is false or sockets are left
+  // over from the last turn), calls the sockets, then runs the timers. False: the kernel gives no events any more and
+  // never will (errno says why); a signal is no such failure.
+  [[nodiscard]] bool turn(bool mayWait);
+
+ private:
+  struct Slot {
+    SocketCallback callback;
+    std::uint32_t generation = 0;
+    std::uint8_t mask = 0;
+    std::uint8_t ready = 0;
+    std::uint8_t lasting = 0;  // bits that stay ready for the rest of the socket's life
+    bool watched : 1 = false;
+    bool cached : 1 = false;
+    bool queued : 1 = false;
+  };
+  // A socket to be called, and which registration of its number is meant.
+  struct Entry {
+    int fd;
+    std::uint32_t generation;
+  };
+
+  [[nodiscard]] Slot* find(int fd);
+  [[nodiscard]] Slot* find(const Entry& entry);
+  bool add(int fd, unsigned mask, SocketCallback callback, bool cached);
+  void vacate(Slot& slot);
+  void enqueue(int fd, Slot& slot);
+  void note(const epoll_event& event);
+  void call(const Entry& entry);
+  void callReady();
+
+  UniqueFd epoll_;
+  unsigned roundsPerTurn_;
+  std::vector<Slot> slots_;     // by descriptor
+  std::vector<Entry> pending_;  // sockets to be called next
+  std::vector<Entry> round_;    // those being called
+  std::vector<epoll_event> events_;
+};
+
+}  // namespace tn
