@@ -274,7 +274,7 @@ message message::fromValid(std::span<const std::uint8_t> bytes) {
 }
 
 bool message::mayRepeatKeys() const {
-  std::array<std::uint32_t, 32> seen;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled up to `count`
+  std::array<std::uint32_t, 32> seen;
   std::size_t count = 0;
   bool may = false;
   forEach([&](const Field& field) {

@@ -105,7 +105,7 @@ void forEachSized(Bytes field, Visitor visit) {
 }
 
 Addr6 addressAt(Bytes bytes) {
-  Addr6 address;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by the copy
+  Addr6 address;
   std::copy_n(bytes.begin(), address.size(), address.begin());
   return address;
 }

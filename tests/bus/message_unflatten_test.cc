@@ -186,7 +186,7 @@ void touchEverything(const message& m) {
   message copy;
   ASSERT_TRUE(unflattenExactly(copy, m.flattened()));
   ASSERT_EQ(copy, m);
-  std::size_t seen = 0;
+  std::uint64_t seen = 0;
   m.forEach([&](const message::Field& field) {
     switch (field.type) {
       case tn::FieldType::boolean:
