@@ -1,19 +1,19 @@
 #pragma once
 
-#include <sys/stat.h>
-
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <cstdint>
+#include <sys/stat.h>
 
 namespace tn {
 
 // The path under which a file of the system is to be opened, packages included.
 //
-// With `packages` true: the path itself when it exists; else the first "/rw/pckg/<package>" + path that exists, packages in
-// byte order; else the path itself. A path under "/rw/pckg/" is looked for in the system first: "/rw/pckg/" + name is
+// With `packages` true: the path itself when it exists; else the first "/rw/pckg/<package>" + path that exists,
+// packages in byte order; else the path itself. A path under "/rw/pckg/" is looked for in the system first: "/rw/pckg/"
+// + name is
 // "/home/web/" + name when that exists. With `packages` false: the path itself.
 [[nodiscard]] std::string findFile(std::string_view path, bool packages);
 
