@@ -9,17 +9,23 @@
 
 // Header fields of a request or a response, in order, with names compared without regard to case (RFC 9110, 5).
 //
-// All text is held in one string that keeps its capacity over `clear`, so a kept-alive connection allocates nothing per
-// request. Views returned die at the next change.
+// The fields are held as the text that goes onto the wire, in one string that keeps its capacity over `clear`, so a
+// kept-alive connection allocates nothing per request and printing is one copy. Views returned die at the next change,
+// and a text given to a function that changes the headers must not be a view of these same headers.
 class Headers {
  public:
-  // Largest text kept over clear(); what is larger is given back.
+  // Largest text, and most fields, whose memory is kept over clear(); what is larger is given back.
   static constexpr std::size_t keptBytes = 1024;
+  static constexpr std::size_t keptFields = 64;
+  // Among how many fields parseHeaderLine looks for an earlier one of the same name. Real requests stay far below; it
+  // keeps thousands of tiny fields from costing the square of their number.
+  static constexpr std::size_t searchedFields = 128;
 
-  // Adds a field. With `append` false an existing field of that name is replaced (it moves to the end); with true a further line is
-  // added. The caller has made sure that neither text holds control characters.
+  // Adds a field. With `append` false the existing fields of that name are replaced (it moves to the end); with true a
+  // further line is added. The caller has made sure that neither text holds control characters.
   void addHeader(std::string_view name, std::string_view value, bool append);
   void addHeader(std::string_view name, std::uint64_t value, bool append);
+  // Removes every field of that name.
   void removeHeader(std::string_view name);
 
   [[nodiscard]] bool hasHeader(std::string_view name) const;
@@ -31,33 +37,44 @@ class Headers {
   // Whether any field of that name holds `token` in its comma-separated list, case not significant.
   [[nodiscard]] bool headerHasToken(std::string_view name, std::string_view token) const;
 
-  // Takes one line of a request's header block, without its line end. False: the line is malformed, or its field makes the
-  // message's framing unsafe (RFC 9112, 5 and 6): no token before the colon, white space before it, a control character, a line
-  // that begins with white space, a second Host, a Content-Length that is no plain number below 2^32 - 1 or differs from an earlier
-  // one, any Transfer-Encoding. Fields of one name are joined with ", ".
+  // Takes one line of a request's header block, without its line end. False, and nothing is changed: the line is
+  // malformed, or its field makes the message's framing or its receiver unsafe (RFC 9112, 3.2, 5 and 6): no token
+  // before the colon, white space before it, a control character other than a tab in the value, a line that begins with
+  // white space, a second Host or one that is no host, a Content-Length that is no plain number below 2^32 - 1 or
+  // differs from an earlier one, any Transfer-Encoding. Fields of one name are joined with ", " in the place of the
+  // first (the first `searchedFields` fields; what comes after them stays a line of its own); a Content-Length said
+  // twice is held once.
   [[nodiscard]] bool parseHeaderLine(std::string_view line);
 
   // Appends "Name: value\r\n" for every field, in order.
-  void printHeaders(std::string& out) const;
+  void printHeaders(std::string& out) const { out.append(text_); }
 
   // Calls visit(name, value) for each field, in order.
   template <typename Visitor>
   void forEach(Visitor&& visit) const {
-    for (const Entry& e : entries_) visit(text(e.name), text(e.value));
+    for (std::size_t i = 0; i < entries_.size(); ++i)
+      visit(nameAt(i), valueAt(i));
   }
+  [[nodiscard]] std::size_t size() const { return entries_.size(); }
 
   void clear();
 
  private:
-  struct Span {
-    std::uint32_t offset;
-    std::uint32_t length;
-  };
+  // Field i is text_ from its offset to the offset of the next one: name, ": ", value, CR LF.
   struct Entry {
-    Span name;
-    Span value;
+    std::uint32_t offset;
+    std::uint32_t nameLength;
   };
-  [[nodiscard]] std::string_view text(Span span) const { return std::string_view(text_).substr(span.offset, span.length); }
+  [[nodiscard]] std::size_t endOf(std::size_t i) const {
+    return i + 1 < entries_.size() ? entries_[i + 1].offset : text_.size();
+  }
+  [[nodiscard]] std::string_view nameAt(std::size_t i) const;
+  [[nodiscard]] std::string_view valueAt(std::size_t i) const;
+  // Index of the first field of that name from `from` to below `limit`; size() when there is none.
+  [[nodiscard]] std::size_t find(std::string_view name, std::size_t from = 0, std::size_t limit = SIZE_MAX) const;
+  void add(std::string_view name, std::string_view value);
+  void join(std::size_t i, std::string_view value);
+  [[nodiscard]] bool takeContentLength(std::string_view name, std::string_view value);
 
   std::string text_;
   std::vector<Entry> entries_;

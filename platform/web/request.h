@@ -39,25 +39,29 @@ class Request {
   Request(const Request&) = delete;
   Request& operator=(const Request&) = delete;
 
-  // Takes the request line, without its line end (RFC 9112, 3). False: it is malformed; `protocol` is then Protocol::unknown when
-  // the version is of another protocol or of HTTP but not 1.x, else `method` is Method::unknown when the method is a token that this server does not
-  // know. A line of method and target alone is HTTP/0.9.
+  // Takes the request line, without its line end (RFC 9112, 3): a method, a target and a version with one space between
+  // them. Sets `uri`, `method`, `protocol` and `version`; a line of method and target alone is HTTP/0.9.
+  //
+  // False: the line is refused and `uri` is empty. `protocol` is then Protocol::unknown when the last piece is no
+  // version of HTTP 1.x; else `method` is Method::unknown when the method is a token that this server does not know;
+  // else the line is malformed: pieces missing, empty or too many, a method that is no token, a byte outside visible
+  // US-ASCII or a "#" in the target, a target in a form that is not for this method.
   [[nodiscard]] bool parseStatusLine(std::string_view line);
 
-  // Ready for the next request of the same connection: addresses, `ssl` and `unix` stay.
+  // Ready for the next request of the same connection: addresses, `forwardTag`, `ssl` and `unix` stay, and so does
+  // `onRequestEnd`, which is the engine's to run and to clear.
   void reset();
 
   // Writes the request into a message for a service that answers in the server's place (docs/forwarded-requests.md).
   void store(tn::message& msg) const;
 
-  // The method as sent; for a forwarded request whose method has no number.
   Headers headers;
-  std::string uri;  // target as received, query included
-  std::string pathInfo;
+  std::string uri;       // target as received, query included
+  std::string pathInfo;  // valid when pathInfoSet
   bool pathInfoSet = false;
-  std::string query;  // after the first "?"
   Method method = Method::get;
   Protocol protocol = Protocol::http;
+  std::string query;  // after the first "?"; set by the engine when it chooses the servlet, as pathInfo
   std::uint32_t version = version11;
 
   IPAddr6 peerAddress;

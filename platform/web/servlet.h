@@ -6,8 +6,8 @@
 #include "platform/web/request.h"
 #include "platform/web/response.h"
 
-// What serves one path of a server. Servlets live as long as the process; the engine calls doMethod once per request, and the
-// servlet answers at once through the response, or later by calling response.onComplete exactly once.
+// What serves one path of a server. Servlets live as long as the process; the engine calls doMethod once per request,
+// and the servlet answers at once through the response, or later by calling response.onComplete exactly once.
 class Servlet {
  public:
   // `allow` is what a 405 answer tells in its Allow field: the methods this servlet implements.

@@ -1,0 +1,159 @@
+#include "platform/web/headers.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "platform/web/ascii.h"
+#include "platform/web/authority.h"
+#include "platform/web/functions.h"
+#include "platform/web/reuse.h"
+
+namespace {
+
+// Room made at the first field, so that a short request or response costs one allocation each and no growing in steps.
+constexpr std::size_t firstBytes = 256;
+constexpr std::size_t firstFields = 8;
+
+constexpr std::string_view separator = ": ";
+constexpr std::string_view lineEnd = "\r\n";
+constexpr std::string_view joint = ", ";
+
+// The connection takes a length of 2^32 - 1 for "unknown".
+constexpr unsigned unknownLength = 0xFFFFFFFF;
+
+// Field content (RFC 9110, 5.5): visible characters, blanks, and the bytes above US-ASCII that old clients send.
+bool isFieldValue(std::string_view text) {
+  return std::none_of(text.begin(), text.end(), [](char c) { return ascii::isControl(c) && c != '\t'; });
+}
+
+}  // namespace
+
+std::string_view Headers::nameAt(std::size_t i) const {
+  return std::string_view(text_).substr(entries_[i].offset, entries_[i].nameLength);
+}
+
+std::string_view Headers::valueAt(std::size_t i) const {
+  const std::size_t begin = entries_[i].offset + entries_[i].nameLength + separator.size();
+  return std::string_view(text_).substr(begin, endOf(i) - lineEnd.size() - begin);
+}
+
+std::size_t Headers::find(std::string_view name, std::size_t from, std::size_t limit) const {
+  const std::size_t end = std::min(limit, entries_.size());
+  for (std::size_t i = from; i < end; ++i) {
+    if (entries_[i].nameLength == name.size() && ascii::equalsIgnoreCase(nameAt(i), name)) return i;
+  }
+  return entries_.size();
+}
+
+void Headers::add(std::string_view name, std::string_view value) {
+  if (entries_.capacity() == 0) entries_.reserve(firstFields);
+  if (text_.capacity() < firstBytes) text_.reserve(firstBytes);
+  entries_.push_back({static_cast<std::uint32_t>(text_.size()), static_cast<std::uint32_t>(name.size())});
+  text_.append(name).append(separator).append(value).append(lineEnd);
+}
+
+// Lengthens the value of a field; those behind it move up.
+void Headers::join(std::size_t i, std::string_view value) {
+  const std::size_t end = endOf(i) - lineEnd.size();
+  text_.insert(end, value);
+  text_.insert(end, joint);
+  const auto grown = static_cast<std::uint32_t>(value.size() + joint.size());
+  for (std::size_t k = i + 1; k < entries_.size(); ++k)
+    entries_[k].offset += grown;
+}
+
+void Headers::addHeader(std::string_view name, std::string_view value, bool append) {
+  if (!append) removeHeader(name);
+  add(name, value);
+}
+
+void Headers::addHeader(std::string_view name, std::uint64_t value, bool append) {
+  char digits[20];
+  const std::to_chars_result result = std::to_chars(digits, digits + sizeof digits, value);
+  addHeader(name, std::string_view(digits, static_cast<std::size_t>(result.ptr - digits)), append);
+}
+
+void Headers::removeHeader(std::string_view name) {
+  for (std::size_t i = find(name); i < entries_.size(); i = find(name, i)) {
+    const std::size_t length = endOf(i) - entries_[i].offset;
+    text_.erase(entries_[i].offset, length);
+    entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(i));
+    for (std::size_t k = i; k < entries_.size(); ++k)
+      entries_[k].offset -= static_cast<std::uint32_t>(length);
+  }
+}
+
+bool Headers::hasHeader(std::string_view name) const {
+  return find(name) < entries_.size();
+}
+
+std::optional<std::string_view> Headers::getHeader(std::string_view name) const {
+  const std::size_t i = find(name);
+  if (i == entries_.size()) return std::nullopt;
+  return valueAt(i);
+}
+
+bool Headers::getHeader(std::string_view name, std::string* value) const {
+  const std::optional<std::string_view> found = getHeader(name);
+  if (found) value->assign(*found);
+  return found.has_value();
+}
+
+bool Headers::getHeader(std::string_view name, std::uint32_t* value) const {
+  const std::optional<std::string_view> found = getHeader(name);
+  return found && parseNumber(*found, value);
+}
+
+bool Headers::headerHasToken(std::string_view name, std::string_view token) const {
+  for (std::size_t i = find(name); i < entries_.size(); i = find(name, i + 1)) {
+    std::string_view rest = valueAt(i);
+    while (!rest.empty()) {
+      const std::size_t comma = std::min(rest.find(','), rest.size());
+      if (ascii::equalsIgnoreCase(ascii::trimBlanks(rest.substr(0, comma)), token)) return true;
+      rest.remove_prefix(std::min(comma + 1, rest.size()));
+    }
+  }
+  return false;
+}
+
+bool Headers::parseHeaderLine(std::string_view line) {
+  const std::size_t colon = line.find(':');
+  if (colon == std::string_view::npos) return false;
+  const std::string_view name = line.substr(0, colon);
+  const std::string_view value = ascii::trimBlanks(line.substr(colon + 1));
+  if (!ascii::isToken(name) || !isFieldValue(value)) return false;
+
+  // Bodies have a length or end with the connection; two ideas of where one ends are how requests are smuggled.
+  if (ascii::equalsIgnoreCase(name, "transfer-encoding")) return false;
+  if (ascii::equalsIgnoreCase(name, "content-length")) return takeContentLength(name, value);
+  if (ascii::equalsIgnoreCase(name, "host") && (hasHeader(name) || !(value.empty() || isAuthority(value)))) {
+    return false;
+  }
+  const std::size_t earlier = find(name, 0, searchedFields);
+  if (earlier < entries_.size()) {
+    join(earlier, value);
+  } else {
+    add(name, value);
+  }
+  return true;
+}
+
+bool Headers::takeContentLength(std::string_view name, std::string_view value) {
+  unsigned length = 0;
+  if (!parseNumber(value, &length) || length == unknownLength) return false;
+  if (const std::optional<std::string_view> earlier = getHeader(name)) {
+    unsigned earlierLength = 0;
+    return parseNumber(*earlier, &earlierLength) && earlierLength == length;
+  }
+  add(name, value);
+  return true;
+}
+
+void Headers::clear() {
+  clearForReuse(text_, keptBytes);
+  if (entries_.capacity() > keptFields) {
+    std::vector<Entry>().swap(entries_);
+  } else {
+    entries_.clear();
+  }
+}
