@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+#include <expected>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/bus/message.h"
+
+namespace tn {
+
+// The readable forms of a message.
+//
+// The line form is for typing and for programs: {u1:5,b2:1,s3:'it\'s',Uff0001:[68,1],m5:{},r4:[1,2]}. A key is the
+// letter of the type and the number of the field in hexadecimal:
+//
+//   b bool 0 or 1    u u32    q u64    a addr6 [16 bytes]    s string 'text'    m message {fields}    r raw [bytes]
+//
+// and the capital letter for a list of them, [value,value]. Numbers are decimal or, behind 0x, hexadecimal, and never
+// negative. In a string \\ \' \n \r \t \0 and \xNN stand for one byte each; control characters appear in no other way.
+// Spaces, tabs and line ends may stand between the parts.
+//
+// It is not the form that the browser tunnel speaks: that one is looser and loses bytes.
+
+// Why a text is no message: what should have stood at which byte, counted from 0.
+struct TextError {
+  std::size_t position;
+  std::string expected;
+};
+
+// Strict: nothing is guessed, a key given twice is refused, and so is a value that does not fit its type.
+[[nodiscard]] std::expected<message, TextError> readText(std::string_view text);
+
+// Read back it gives the same fields with the same values in the same order. Bytes of strings that are no UTF-8 are
+// escaped, so the text is one line that any terminal shows.
+[[nodiscard]] std::string writeText(const message& msg);
+
+// One line per field, nested messages indented below theirs, each line ended. The header fields of the bus are named.
+[[nodiscard]] std::string writeTree(const message& msg);
+
+// The commands of the handlers' slots by their names: "get", "addObj".
+[[nodiscard]] std::optional<std::uint32_t> commandNumber(std::string_view name);
+// Empty for a command without a name.
+[[nodiscard]] std::string_view commandName(std::uint32_t number);
+
+}  // namespace tn
