@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <string>
 #include <string_view>
 
@@ -28,9 +29,19 @@ inline std::uint32_t openConnections = 0;
 // response.onComplete, which may free them before it returns. `request.onRequestEnd` runs when the request has ended,
 // also when that is the end of the connection; it must not call response.onComplete.
 //
-// Everything runs on the loop's thread.
+// Everything runs on the loop's thread. The process ignores SIGPIPE: peers go away while they are written to.
 class Connection {
+  // Only createConnection can make one of these, and so a connection.
+  class Key {
+    friend Connection& createConnection(Site& site, UniqueFd socket, bool tls, bool unixListener,
+                                        tn::ThinRunner& runner);
+    Key() = default;
+  };
+
  public:
+  static constexpr std::uint32_t headerLimitMs = 3000;  // from the start of a request to the end of its header block
+  static constexpr std::uint32_t idleLimitMs = 2000;    // without a socket event
+
   enum class State : std::uint8_t {
     readForward,      // unix listener: 88 bytes of forwarding header are awaited; both timers run
     readRequestLine,  // both timers run
@@ -43,6 +54,7 @@ class Connection {
     ended,       // everything is released; freed as soon as the caller is left
   };
 
+  Connection(Key key, Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -50,8 +62,8 @@ class Connection {
   [[nodiscard]] int socket() const { return socket_.get(); }
   [[nodiscard]] State state() const { return state_; }
 
-  // Starts the first request: arms the timers. The caller has watched the socket for readability with
-  // Trigger::cached and a callback that leads to onSocketEvent. Every following request starts by itself.
+  // Starts the first request: arms the timers. The caller watches the socket for readability with Trigger::cached (or
+  // addNonBlocking) and a callback that leads to onSocketEvent. Every following request starts by itself.
   void beginRequest();
 
   // What the runner calls: `events` are its readable, writable and hang-up bits. May free the connection.
@@ -64,14 +76,66 @@ class Connection {
   friend Connection& createConnection(Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner);
   friend void endAllConnections();
 
-  Connection(Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner);
-  ~Connection();
+  // What a look at the bytes read so far has found.
+  enum class Scan : std::uint8_t { incomplete, complete, malformed };
+
+  // connection.cc: life and parking
+  void handleEvents(unsigned events);
+  void finish();
+  void release();
+  void freeIfEnded();
+  void runRequestEnd();
+  void park();
+  void complete();
+  void watch(unsigned mask);
+
+  // connection_read.cc: from bytes to a request
+  void onReadable();
+  [[nodiscard]] bool readMore();
+  void takeForwardHeader();
+  void readHead(std::size_t scanFrom);
+  [[nodiscard]] Scan scanLines(std::size_t scanFrom, std::size_t& lineStart);
+  [[nodiscard]] Scan takeLine(std::string_view line);
+  [[nodiscard]] Scan keepPartialLine(std::size_t lineStart);
+  void refuse();
+  void dispatch();
+
+  // connection_body.cc: a POST's body
+  void beginBody();
+  void pumpBody();
+  [[nodiscard]] std::size_t nextPiece(std::size_t held) const;
+  void deliver(std::string_view piece, bool last);
+  void dropExcess();
+
+  // connection_write.cc: the response
+  void writeResponse();
+  void onWritable();
+  [[nodiscard]] bool writeHead();
+  [[nodiscard]] bool writeFile();
+  void onWriteFailed();
+  void onWritten();
+
+  void setLength(std::size_t length);
+  void takeUpWork();
+  void layDownWork();
 
   Site& site_;
   tn::ThinRunner& runner_;
+  std::list<Connection>::iterator self_;  // its place among all
   UniqueFd socket_;
+  State state_ = State::readRequestLine;
+  bool working_ = false;           // holds a workspace: `buffer_` and the memory of both headers
+  std::uint32_t fill_ = 0;         // bytes held at the front of `buffer_` while reading
+  std::uint32_t headerBytes_ = 0;  // request line and header lines so far, without line ends
+  std::uint32_t bodyReceived_ = 0;
+  std::uint32_t bodyLength_ = 0;  // unknownLength for a POST that does not say
+  std::uint32_t bodyRoom_ = 0;    // in readBody: what `buffer_` may grow to
+  std::string buffer_;            // what is read, its length being the room; then the head of the response
   Request request_;
   Response response_;
+  Outgoing out_;  // in writing
+  tn::Timer headerTimer_;
+  tn::Timer idleTimer_;
 };
 
 // Makes the connection of an accepted socket; `tls` tells whether the client spoke TLS, `unixListener` whether the
@@ -82,5 +146,6 @@ class Connection {
                                            tn::ThinRunner& runner);
 
 // Ends and frees every connection, parked ones included (their onRequestEnd runs, and their servlets must not complete
-// them any more), and lets go of all cached files. For the end of the process, while the runner still lives.
+// them any more), and lets go of all cached files. For the end of the process, while the runner still lives; not to be
+// called by a servlet.
 void endAllConnections();

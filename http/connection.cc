@@ -1,0 +1,174 @@
+#include "http/connection.h"
+
+#include <utility>
+
+#include "http/file_cache.h"
+#include "http/workspace.h"
+
+namespace {
+
+std::list<Connection>& connections() {
+  static std::list<Connection> instance;
+  return instance;
+}
+
+// An idle connection does not keep the memory of what was unusually large.
+void shed(std::string& text) {
+  constexpr std::size_t kept = 128;
+  if (text.capacity() > kept) std::string().swap(text);
+}
+
+}  // namespace
+
+Connection::Connection(Key /*key*/, Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner)
+    : site_(site),
+      runner_(runner),
+      socket_(std::move(socket)),
+      request_(tls, unixListener),
+      headerTimer_([this] { close(); }),
+      idleTimer_([this] { close(); }) {}
+
+Connection& createConnection(Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner) {
+  auto& all = connections();
+  Connection& connection = all.emplace_front(Connection::Key(), site, std::move(socket), tls, unixListener, runner);
+  connection.self_ = all.begin();
+  ++openConnections;
+  return connection;
+}
+
+void endAllConnections() {
+  auto& all = connections();
+  while (!all.empty()) {
+    Connection& connection = all.front();
+    if (connection.state_ != Connection::State::ended) connection.release();
+    all.erase(connection.self_);
+  }
+  fileCache().clear();
+}
+
+void Connection::beginRequest() {
+  runRequestEnd();
+  if (working_) layDownWork();
+  state_ = request_.unix && !request_.ssl ? State::readForward : State::readRequestLine;
+  fill_ = 0;
+  headerBytes_ = 0;
+  bodyReceived_ = 0;
+  bodyLength_ = 0;
+  headerTimer_.start(runner_.timers(), headerLimitMs);
+  idleTimer_.start(runner_.timers(), idleLimitMs);
+}
+
+void Connection::onSocketEvent(int /*fd*/, unsigned events) {
+  handleEvents(events);
+  freeIfEnded();
+}
+
+void Connection::handleEvents(unsigned events) {
+  idleTimer_.start(runner_.timers(), idleLimitMs);
+  if ((events & tn::hangUp) != 0) {
+    finish();
+    return;
+  }
+  if ((events & tn::readable) != 0) onReadable();
+  if ((events & tn::writable) != 0) onWritable();
+}
+
+void Connection::close() {
+  finish();
+  freeIfEnded();
+}
+
+// What `close` does but for the freeing, which is left to whoever was called from outside.
+void Connection::finish() {
+  switch (state_) {
+    case State::closed:
+    case State::ended:
+      return;
+    case State::dispatched:
+      state_ = State::closed;
+      return;
+    case State::readBody:
+      deliver({}, true);
+      break;
+    case State::readForward:
+    case State::readRequestLine:
+    case State::readHeaders:
+    case State::writing:
+      break;
+  }
+  release();
+}
+
+void Connection::release() {
+  state_ = State::ended;
+  runRequestEnd();
+  --openConnections;
+  headerTimer_.cancel();
+  idleTimer_.cancel();
+  out_ = {};
+  if (working_) {
+    request_.headers.clear();
+    response_.headers.clear();
+    layDownWork();
+  }
+  const int fd = socket_.get();
+  socket_.reset();
+  runner_.forgetSocket(fd);
+}
+
+void Connection::freeIfEnded() {
+  if (state_ == State::ended) connections().erase(self_);
+}
+
+void Connection::runRequestEnd() {
+  if (const auto end = std::exchange(request_.onRequestEnd, nullptr)) end();
+}
+
+void Connection::park() {
+  state_ = State::dispatched;
+  runner_.removeSocket(socket_.get());
+  idleTimer_.cancel();
+  if (buffer_.capacity() > Workspace::maxKeptBuffer) std::string().swap(buffer_);
+  response_.onComplete = [this] { complete(); };
+}
+
+void Connection::complete() {
+  if (state_ == State::dispatched) {
+    writeResponse();
+  } else if (state_ == State::closed) {
+    release();
+  }
+  freeIfEnded();
+}
+
+// A parked connection's socket is not watched, so there is nothing to change.
+void Connection::watch(unsigned mask) {
+  const int fd = socket_.get();
+  if (runner_.changeSocket(fd, mask)) return;
+  runner_.addNonBlocking(fd, mask, [this](int socket, unsigned events) { onSocketEvent(socket, events); });
+}
+
+void Connection::setLength(std::size_t length) {
+  buffer_.resize_and_overwrite(length, [](char*, std::size_t size) { return size; });
+}
+
+void Connection::takeUpWork() {
+  Workspace workspace = takeWorkspace();
+  buffer_.swap(workspace.buffer);
+  std::swap(request_.headers, workspace.requestHeaders);
+  std::swap(response_.headers, workspace.responseHeaders);
+  working_ = true;
+}
+
+void Connection::layDownWork() {
+  Workspace workspace;
+  buffer_.swap(workspace.buffer);
+  std::swap(request_.headers, workspace.requestHeaders);
+  std::swap(response_.headers, workspace.responseHeaders);
+  giveWorkspace(std::move(workspace));
+  for (std::string* text :
+       {&request_.uri, &request_.pathInfo, &request_.query, &response_.statusText, &response_.body, &response_.file}) {
+    shed(*text);
+  }
+  working_ = false;
+}

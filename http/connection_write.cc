@@ -1,0 +1,122 @@
+// The response: built at once, written as the socket takes it.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include "http/connection.h"
+#include "http/file_cache.h"
+#include "http/response_writer.h"
+#include "platform/log.h"
+
+namespace {
+
+// What is left of head and text, and with them the file when the cache has it mapped: all of it goes in one call.
+class HeadPieces {
+ public:
+  HeadPieces(const std::string& head, const Outgoing& out) {
+    const std::size_t ofHead = std::min(out.sent, head.size());
+    add(std::string_view(head).substr(ofHead));
+    add(out.text.substr(out.sent - ofHead));
+    if (out.cached) add({out.cached->bytes() + out.fileOffset, out.fileRemaining});
+  }
+
+  [[nodiscard]] const msghdr* message() {
+    message_.msg_iov = pieces_.data();
+    message_.msg_iovlen = count_;
+    return &message_;
+  }
+  [[nodiscard]] std::size_t size() const { return size_; }
+
+ private:
+  void add(std::string_view piece) {
+    if (piece.empty()) return;
+    pieces_[count_++] = {const_cast<char*>(piece.data()), piece.size()};
+    size_ += piece.size();
+  }
+
+  std::array<iovec, 3> pieces_{};
+  std::size_t count_ = 0;
+  std::size_t size_ = 0;
+  msghdr message_{};
+};
+
+}  // namespace
+
+void Connection::writeResponse() {
+  idleTimer_.start(runner_.timers(), idleLimitMs);
+  state_ = State::writing;
+  if (bodyReceived_ != bodyLength_) response_.keepAlivePermitted = false;
+  out_ = {};
+  buffer_.clear();
+  buildResponse(request_, response_, runner_, buffer_, out_);
+  watch(tn::writable);
+}
+
+void Connection::onWritable() {
+  if (state_ != State::writing) return;
+  if (out_.sent < buffer_.size() + out_.text.size() && !writeHead()) return;
+  if (out_.fileRemaining != 0 && !writeFile()) return;
+  onWritten();
+}
+
+// True: head and text have left.
+bool Connection::writeHead() {
+  HeadPieces pieces(buffer_, out_);
+  // With a file to follow, the kernel keeps the head back, so that both share their segments.
+  const int more = out_.file && out_.fileRemaining != 0 ? MSG_MORE : 0;
+  const ssize_t count = sendmsg(socket_.get(), pieces.message(), more);
+  if (count < 0) {
+    onWriteFailed();
+    return false;
+  }
+  const auto written = static_cast<std::size_t>(count);
+  if (written < pieces.size()) runner_.drained(socket_.get(), tn::writable);
+  const std::size_t ofHead = std::min(written, buffer_.size() + out_.text.size() - out_.sent);
+  out_.sent += ofHead;
+  out_.fileOffset += static_cast<off_t>(written - ofHead);
+  out_.fileRemaining -= static_cast<std::uint32_t>(written - ofHead);
+  return written == pieces.size();
+}
+
+// True: the file has left. A count short of what was offered does not tell that the socket is full (a signal also ends
+// the call early), so only the failure that does is told the runner.
+bool Connection::writeFile() {
+  const int file = out_.cached ? out_.cached->fd() : out_.file.get();
+  const ssize_t count = sendfile(socket_.get(), file, &out_.fileOffset, out_.fileRemaining);
+  if (count < 0) {
+    onWriteFailed();
+    return false;
+  }
+  if (count == 0) {  // the file has become shorter than its announced length
+    finish();
+    return false;
+  }
+  out_.fileRemaining -= static_cast<std::uint32_t>(count);
+  return out_.fileRemaining == 0;
+}
+
+void Connection::onWriteFailed() {
+  if (errno == EAGAIN) {
+    runner_.drained(socket_.get(), tn::writable);
+    return;
+  }
+  logSystemError("write");
+  finish();
+}
+
+// Bytes that were read behind this request are lost: requests are not pipelined.
+void Connection::onWritten() {
+  const bool keepAlive = out_.keepAlive;
+  out_ = {};
+  if (!keepAlive) {
+    finish();
+    return;
+  }
+  request_.reset();
+  response_.reset();
+  watch(tn::readable);
+  beginRequest();
+}

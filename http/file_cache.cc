@@ -1,0 +1,91 @@
+#include "http/file_cache.h"
+
+#include <sys/mman.h>
+#include <utility>
+
+#include "platform/web/functions.h"
+
+namespace {
+
+bool sameTime(const timespec& a, const timespec& b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+}  // namespace
+
+CachedFile::CachedFile(UniqueFd fd, const struct stat& status, void* bytes)
+    : fd_(std::move(fd)), status_(status), bytes_(bytes), lastModified_(httpDate(status.st_mtim.tv_sec)) {}
+
+CachedFile::~CachedFile() {
+  munmap(bytes_, size());
+}
+
+bool CachedFile::is(const struct stat& status) const {
+  return status.st_ino == status_.st_ino && status.st_dev == status_.st_dev && status.st_size == status_.st_size &&
+         status.st_mode == status_.st_mode && sameTime(status.st_mtim, status_.st_mtim) &&
+         sameTime(status.st_ctim, status_.st_ctim);
+}
+
+std::shared_ptr<const CachedFile> FileCache::find(std::string_view path, const struct stat& status) {
+  const auto found = byPath_.find(path);
+  if (found == byPath_.end()) return nullptr;
+  const Files::iterator entry = found->second;
+  if (!entry->file->is(status)) {
+    drop(entry);
+    return nullptr;
+  }
+  entry->used = true;
+  files_.splice(files_.begin(), files_, entry);
+  return entry->file;
+}
+
+std::shared_ptr<const CachedFile> FileCache::insert(tn::ThinRunner& runner, std::string_view path, UniqueFd& fd,
+                                                    const struct stat& status) {
+  if (!S_ISREG(status.st_mode) || status.st_size <= 0) return nullptr;
+  if (static_cast<std::uint64_t>(status.st_size) > maxFileBytes) return nullptr;
+  const auto size = static_cast<std::size_t>(status.st_size);
+  void* bytes = mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_POPULATE, fd.get(), 0);
+  if (bytes == MAP_FAILED) return nullptr;
+
+  if (const auto old = byPath_.find(path); old != byPath_.end()) drop(old->second);
+  while (!files_.empty() && (files_.size() >= maxFiles || totalBytes_ + size > maxTotalBytes)) {
+    drop(std::prev(files_.end()));
+  }
+  files_.push_front({std::string(path), std::make_shared<const CachedFile>(std::move(fd), status, bytes)});
+  byPath_.emplace(files_.front().path, files_.begin());
+  totalBytes_ += size;
+  armSweep(runner);
+  return files_.front().file;
+}
+
+void FileCache::clear() {
+  while (!files_.empty())
+    drop(files_.begin());
+  if (sweepTimer_ != 0) runner_->removeTimer(std::exchange(sweepTimer_, 0));
+}
+
+void FileCache::drop(Files::iterator entry) {
+  totalBytes_ -= entry->file->size();
+  byPath_.erase(entry->path);
+  files_.erase(entry);
+}
+
+void FileCache::armSweep(tn::ThinRunner& runner) {
+  if (sweepTimer_ != 0) return;
+  runner_ = &runner;
+  sweepTimer_ = runner.addTimer(sweepMs, [this] { sweep(); });
+}
+
+void FileCache::sweep() {
+  sweepTimer_ = 0;
+  for (auto entry = files_.begin(); entry != files_.end();) {
+    const auto current = entry++;
+    if (!std::exchange(current->used, false)) drop(current);
+  }
+  if (!files_.empty()) armSweep(*runner_);
+}
+
+FileCache& fileCache() {
+  static FileCache instance;
+  return instance;
+}

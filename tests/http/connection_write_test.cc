@@ -1,0 +1,325 @@
+#include <sys/stat.h>
+
+#include "http/file_cache.h"
+#include "http/file_facts.h"
+#include "tests/http/connection_fixture.h"
+
+namespace {
+
+const std::string get = "GET / HTTP/1.1\r\nHost: a\r\n\r\n";
+
+// Each file is sent in both ways: as a servlet's that knows nothing of it, and from the cache.
+enum class Way { plain, cached };
+
+class ConnectionWriteTest : public ConnectionTest {
+ protected:
+  void SetUp() override {
+    ConnectionTest::SetUp();
+    addServlet("/", [this](Request&, Response& response) {
+      if (way == Way::cached) remember();
+      response.sendFile(file, "text/plain", false);
+    });
+  }
+  void remember() const {
+    struct stat status {};
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    rememberFile(file, status);
+  }
+  void serveText(const std::string& text) {
+    site.servlets.clear();
+    addServlet("/", [text](Request&, Response& response) { response.send(text); });
+  }
+  void openNarrow() {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const int bytes = 4096;
+    ASSERT_EQ(setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes), 0);
+    open(UniqueFd(ends[0]), UniqueFd(ends[1]));
+  }
+  // What a client gets that takes a little at a time.
+  std::string receiveSlowly(std::size_t part) {
+    std::string all;
+    for (;;) {
+      turn();
+      const std::string got = peer.receive(part);
+      if (got.empty()) return all;
+      all += got;
+    }
+  }
+
+  ScratchDir dir;
+  std::string file = dir / "file";
+  Way way = Way::plain;
+};
+
+class FileWayTest : public ConnectionWriteTest, public testing::WithParamInterface<Way> {
+ protected:
+  void SetUp() override {
+    ConnectionWriteTest::SetUp();
+    way = GetParam();
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Both, FileWayTest, testing::Values(Way::plain, Way::cached));
+
+TEST_P(FileWayTest, SendsAFileAgainAndAgain) {
+  const std::string bytes = sampleBytes(12000);
+  dir.write("file", bytes);
+  open();
+  for (int i = 0; i < 3; ++i) {
+    const Answer answer = exchange(get);
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.field("content-length"), "12000");
+    EXPECT_EQ(answer.body, bytes);
+  }
+  EXPECT_EQ(connection->state(), State::readRequestLine);
+}
+
+TEST_P(FileWayTest, SendsFilesOfEverySize) {
+  open();
+  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{4096}, std::size_t{4097},
+                                 FileCache::maxFileBytes, FileCache::maxFileBytes + 1, std::size_t{3000000}}) {
+    const std::string bytes = sampleBytes(size);
+    dir.write("file", bytes);
+    peer.send(get);
+    const Answer answer = parseAnswer(receiveSlowly(SIZE_MAX));
+    EXPECT_EQ(answer.field("content-length"), std::to_string(size));
+    ASSERT_TRUE(answer.body == bytes) << size;
+    EXPECT_EQ(connection->state(), State::readRequestLine);
+  }
+}
+
+TEST_P(FileWayTest, SendsToASlowReader) {
+  for (const std::size_t size : {std::size_t{200000}, std::size_t{1} << 20}) {
+    const std::string bytes = sampleBytes(size);
+    dir.write("file", bytes);
+    openNarrow();
+    peer.send(get);
+    EXPECT_TRUE(parseAnswer(receiveSlowly(777)).body == bytes);
+    EXPECT_EQ(connection->state(), State::readRequestLine);
+    endAllConnections();
+  }
+}
+
+TEST_P(FileWayTest, ASlowReaderHoldsNobodyElse) {
+  dir.write("file", sampleBytes(200000));
+  openNarrow();
+  peer.send(get);
+  turn();  // returns, so nothing waits
+  EXPECT_EQ(connection->state(), State::writing);
+  Peer slow = std::move(peer);
+  Connection* const slowConnection = connection;
+  open();
+  peer.send(get);
+  EXPECT_EQ(parseAnswer(receiveSlowly(SIZE_MAX)).body.size(), 200000U);
+  EXPECT_EQ(slowConnection->state(), State::writing);
+}
+
+TEST_P(FileWayTest, AReaderThatStopsIsClosedAfterTwoSeconds) {
+  dir.write("file", sampleBytes(200000));
+  openNarrow();
+  peer.send(get);
+  turn();
+  runner.advance(1999);
+  EXPECT_TRUE(live());
+  runner.advance(1);
+  EXPECT_FALSE(live());
+}
+
+TEST_P(FileWayTest, AFileCutShortMeanwhileEndsTheConnection) {
+  for (const std::size_t left : {std::size_t{0}, std::size_t{100000}, std::size_t{199999}}) {
+    captureErrors();
+    dir.write("file", sampleBytes(200000));
+    openNarrow();
+    peer.send(get);
+    turn();
+    ASSERT_EQ(truncate(file.c_str(), static_cast<off_t>(left)), 0);
+    const Answer answer = parseAnswer(receiveSlowly(SIZE_MAX));
+    EXPECT_LT(answer.body.size(), 200000U);
+    EXPECT_FALSE(live());
+    EXPECT_EQ(takeErrors(), "");
+  }
+}
+
+TEST_P(FileWayTest, AFileReplacedMeanwhileIsSentAsItWas) {
+  const std::string bytes = sampleBytes(200000);
+  dir.write("file", bytes);
+  openNarrow();
+  peer.send(get);
+  turn();
+  dir.replace("file", std::string(200000, 'n'));
+  EXPECT_TRUE(parseAnswer(receiveSlowly(SIZE_MAX)).body == bytes);
+  peer.send(get);
+  EXPECT_TRUE(parseAnswer(receiveSlowly(SIZE_MAX)).body == std::string(200000, 'n'));
+}
+
+TEST_P(FileWayTest, HeadOfAFileEndsTheConnectionAfterTheHead) {
+  captureErrors();
+  dir.write("file", sampleBytes(1000));
+  open();
+  peer.send("HEAD / HTTP/1.1\r\nHost: a\r\n\r\n");
+  turn();
+  const Answer answer = parseAnswer(peer.receive());
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(answer.field("content-length"), "1000");
+  EXPECT_EQ(answer.field("connection"), "Keep-Alive");
+  EXPECT_EQ(answer.body, "");
+  EXPECT_FALSE(live());
+  EXPECT_EQ(takeErrors(), "write: Bad file descriptor\n");
+}
+
+TEST_P(FileWayTest, HeadOfAnEmptyFileKeepsTheConnection) {
+  dir.write("file", "");
+  open();
+  EXPECT_EQ(exchange("HEAD / HTTP/1.1\r\nHost: a\r\n\r\n").field("content-length"), "0");
+  EXPECT_EQ(connection->state(), State::readRequestLine);
+}
+
+TEST_P(FileWayTest, SendsThePartThatIsAskedFor) {
+  const std::string bytes = sampleBytes(200000);
+  dir.write("file", bytes);
+  openNarrow();
+  for (const auto& [range, first, size] : std::vector<std::tuple<std::string, std::size_t, std::size_t>>{
+           {"0-99", 0, 100}, {"-100", 199900, 100}, {"4097-190000", 4097, 185904}, {"-0", 200000, 0}}) {
+    peer.send("GET / HTTP/1.1\r\nRange: bytes=" + range + "\r\n\r\n");
+    const Answer answer = parseAnswer(receiveSlowly(5000));
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.field("content-length"), std::to_string(size));
+    EXPECT_TRUE(answer.body == bytes.substr(first, size)) << range;
+  }
+  EXPECT_EQ(connection->state(), State::readRequestLine);
+}
+
+TEST_P(FileWayTest, HoldsNoDescriptorOfAFileThatWasSent) {
+  dir.write("file", sampleBytes(1000));
+  open();
+  exchange(get);
+  fileCache().clear();
+  const int before = openDescriptors();
+  for (const char* range : {"bytes=0-9", "bytes=-0"}) {
+    exchange("GET / HTTP/1.1\r\nRange: " + std::string(range) + "\r\n\r\n");
+    fileCache().clear();
+    EXPECT_EQ(openDescriptors(), before);
+  }
+  dir.write("file", "");
+  exchange(get);
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_P(FileWayTest, EndsWhenThePeerGoesAwayDuringTheFile) {
+  captureErrors();
+  dir.write("file", sampleBytes(200000));
+  openNarrow();
+  peer.send(get);
+  turn();
+  peer.close();
+  EXPECT_TRUE(runner.ready(fd, tn::writable));
+  EXPECT_FALSE(live());
+  EXPECT_EQ(takeErrors(), "write: Broken pipe\n");
+}
+
+TEST_F(ConnectionWriteTest, AMappedFileCutShortBeforeTheFirstWriteEndsTheConnection) {
+  captureErrors();
+  way = Way::cached;
+  dir.write("file", sampleBytes(200000));
+  open();
+  peer.send(get);
+  EXPECT_TRUE(runner.ready(fd, tn::readable));
+  ASSERT_EQ(connection->state(), State::writing);
+  ASSERT_EQ(truncate(file.c_str(), 0), 0);
+  turn();
+  EXPECT_FALSE(live());
+  EXPECT_LT(peer.receive().size(), 1000U);
+  EXPECT_LE(takeErrors(), "write: Bad address\n");
+}
+
+TEST_F(ConnectionWriteTest, SendsATextToASlowReader) {
+  const std::string text = sampleBytes(1 << 20);
+  serveText(text);
+  openNarrow();
+  for (int i = 0; i < 2; ++i) {
+    peer.send(get);
+    const Answer answer = parseAnswer(receiveSlowly(1001));
+    EXPECT_EQ(answer.field("content-length"), std::to_string(text.size()));
+    EXPECT_TRUE(answer.body == text);
+  }
+}
+
+TEST_F(ConnectionWriteTest, HeadOfATextTellsItsLengthAndKeepsTheConnection) {
+  serveText("twelve bytes");
+  open();
+  const Answer answer = exchange("HEAD / HTTP/1.1\r\nHost: a\r\n\r\n");
+  EXPECT_EQ(answer.field("content-length"), "12");
+  EXPECT_EQ(answer.body, "");
+  EXPECT_EQ(exchange(get).body, "twelve bytes");
+}
+
+TEST_F(ConnectionWriteTest, WaitsWhenTheSocketTakesNothing) {
+  captureErrors();
+  serveText("small");
+  openNarrow();
+  const std::string filling(100000, 'f');
+  std::size_t filled = 0;
+  for (ssize_t count = 0; count >= 0; filled += static_cast<std::size_t>(count > 0 ? count : 0)) {
+    count = ::send(fd, filling.data(), filling.size(), MSG_DONTWAIT);
+  }
+  peer.send(get);
+  EXPECT_TRUE(runner.ready(fd, tn::readable));
+  EXPECT_TRUE(runner.ready(fd, tn::writable));
+  EXPECT_EQ(connection->state(), State::writing);
+  const tn::fakes::FakeRunner::Call told{tn::fakes::FakeRunner::Operation::drained, fd, tn::writable, true};
+  EXPECT_EQ(runner.calls.back(), told);
+  const std::string all = receiveSlowly(SIZE_MAX);
+  EXPECT_EQ(parseAnswer(all.substr(filled)).body, "small");
+  EXPECT_EQ(takeErrors(), "");
+}
+
+TEST_F(ConnectionWriteTest, RemovesAFileFlaggedForItBeforeItsFirstByteIsSent) {
+  const std::string bytes = sampleBytes(5000);
+  dir.write("file", bytes);
+  site.servlets.clear();
+  addServlet("/", [this](Request&, Response& response) {
+    remember();
+    response.sendFile(file, "text/plain", true);
+  });
+  open();
+  peer.send(get);
+  EXPECT_TRUE(runner.ready(fd, tn::readable));
+  EXPECT_NE(access(file.c_str(), F_OK), 0);
+  EXPECT_EQ(peer.receive(), "");
+  turn();
+  EXPECT_EQ(parseAnswer(peer.receive()).body, bytes);
+  EXPECT_EQ(fileCache().fileCount(), 0U);
+}
+
+TEST_F(ConnectionWriteTest, WritesInTheTurnOfTheRequest) {
+  serveText("served");
+  open();
+  peer.send(get);
+  EXPECT_TRUE(runner.ready(fd, tn::readable));
+  EXPECT_EQ(connection->state(), State::writing);
+  EXPECT_EQ(runner.mask(fd), tn::writable);
+  EXPECT_TRUE(runner.ready(fd, tn::writable));
+  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(runner.mask(fd), tn::readable);
+}
+
+TEST_F(ConnectionWriteTest, AnEventForBothReadsAndWrites) {
+  serveText("served");
+  open();
+  peer.send(get);
+  ASSERT_TRUE(runner.changeSocket(fd, tn::readable | tn::writable));
+  EXPECT_TRUE(runner.ready(fd, tn::readable | tn::writable));
+  EXPECT_EQ(parseAnswer(peer.receive()).body, "served");
+}
+
+TEST_F(ConnectionWriteTest, IgnoresWritabilityWhileItReads) {
+  open();
+  exchangeText("GET / HT");
+  ASSERT_TRUE(runner.changeSocket(fd, tn::readable | tn::writable));
+  EXPECT_TRUE(runner.ready(fd, tn::writable));
+  EXPECT_EQ(peer.receive(), "");
+  EXPECT_EQ(connection->state(), State::readRequestLine);
+}
+
+}  // namespace
