@@ -2,7 +2,9 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
+#include "platform/bus/files.h"
 #include "platform/web/servlet.h"
 
 // Serves files: all of a directory tree, or one file.
@@ -17,6 +19,9 @@ class DirServlet : public Servlet {
   void doGet(Request& request, Response& response) override;
 
  private:
+  void serve(std::string path, const Request& request, Response& response) const;
+  void sendFile(tn::FoundFile found, std::string_view contentType, Response& response) const;
+
   std::string root_;
   bool isPublic_;
   bool cacheable_;
