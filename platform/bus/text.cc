@@ -47,18 +47,23 @@ void appendEscaped(std::string& out, char c) {
   out += digits[byte & 15];
 }
 
-void appendQuoted(std::string& out, std::string_view text) {
-  out += '\'';
+// Appends the text, with a backslash before each of the characters `quoted`.
+void appendPrintable(std::string& out, std::string_view text, std::string_view quoted) {
   while (!text.empty()) {
     const std::size_t length = shownLength(text);
     if (length == 0) {
       appendEscaped(out, text[0]);
     } else {
-      if (text[0] == '\'' || text[0] == '\\') out += '\\';
+      if (quoted.find(text[0]) != std::string_view::npos) out += '\\';
       out += text.substr(0, length);
     }
     text.remove_prefix(length == 0 ? 1 : length);
   }
+}
+
+void appendQuoted(std::string& out, std::string_view text) {
+  out += '\'';
+  appendPrintable(out, text, "'\\");
   out += '\'';
 }
 
@@ -138,6 +143,12 @@ void appendValue(std::string& out, const Field& field) {
 std::string writeText(const message& msg) {
   std::string out;
   appendMessage(out, msg);
+  return out;
+}
+
+std::string printableText(std::string_view text) {
+  std::string out;
+  appendPrintable(out, text, {});
   return out;
 }
 

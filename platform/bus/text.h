@@ -36,8 +36,13 @@ struct TextError {
 // escaped, so the text is one line that any terminal shows.
 [[nodiscard]] std::string writeText(const message& msg);
 
-// One line per field, nested messages indented below theirs, each line ended. The header fields of the bus are named.
-[[nodiscard]] std::string writeTree(const message& msg);
+// One line per field, nested messages indented below theirs, each line ended; all lines begin with `indent` spaces. The
+// header fields of the bus are named.
+[[nodiscard]] std::string writeTree(const message& msg, std::size_t indent = 0);
+
+// A text of somebody else's as it can be shown: what a terminal would obey, and what is no UTF-8, is escaped as in a
+// string of the line form.
+[[nodiscard]] std::string printableText(std::string_view text);
 
 // The commands of the handlers' slots by their names: "get", "addObj".
 [[nodiscard]] std::optional<std::uint32_t> commandNumber(std::string_view name);

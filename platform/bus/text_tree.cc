@@ -193,9 +193,9 @@ class TreeWriter {
 
 }  // namespace
 
-std::string writeTree(const message& msg) {
+std::string writeTree(const message& msg, std::size_t indent) {
   std::string out;
-  TreeWriter(out, 0).write(msg);
+  TreeWriter(out, indent).write(msg);
   return out;
 }
 

@@ -298,6 +298,17 @@ M14: []
   EXPECT_EQ(tn::writeTree(message()), "");
 }
 
+TEST(Tree, IsIndentedAsAWhole) {
+  message m;
+  m.insert(tn::message_id(1), inner());
+  EXPECT_EQ(tn::writeTree(m, 3), "   m1:\n     b1: yes\n");
+}
+
+TEST(PrintableText, EscapesWhatATerminalWouldObey) {
+  EXPECT_EQ(tn::printableText("it's a\\b \u20ac\x1b[1m\n\xff"), "it's a\\b \u20ac\\x1b[1m\\n\\xff");
+  EXPECT_EQ(tn::printableText(""), "");
+}
+
 TEST(Tree, NamesTheHeaderFields) {
   message m;
   m.insert_vector(tn::field::destination, std::vector<std::uint32_t>{68, 1});
