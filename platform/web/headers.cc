@@ -52,12 +52,14 @@ void Headers::add(std::string_view name, std::string_view value) {
   text_.append(name).append(separator).append(value).append(lineEnd);
 }
 
-// Lengthens the value of a field; those behind it move up.
+// Lengthens the value of a field; those behind it move up. An empty value is no element of a list and adds nothing.
 void Headers::join(std::size_t i, std::string_view value) {
+  if (value.empty()) return;
+  const std::string_view between = valueAt(i).empty() ? std::string_view() : joint;
   const std::size_t end = endOf(i) - lineEnd.size();
   text_.insert(end, value);
-  text_.insert(end, joint);
-  const auto grown = static_cast<std::uint32_t>(value.size() + joint.size());
+  text_.insert(end, between);
+  const auto grown = static_cast<std::uint32_t>(value.size() + between.size());
   for (std::size_t k = i + 1; k < entries_.size(); ++k)
     entries_[k].offset += grown;
 }

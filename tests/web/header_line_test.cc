@@ -90,11 +90,23 @@ TEST(HeaderLine, FieldsOfOneNameAreJoined) {
   ASSERT_TRUE(headers.parseHeaderLine("X: y"));
   ASSERT_TRUE(headers.parseHeaderLine("accept: b;q=1"));
   ASSERT_TRUE(headers.parseHeaderLine("Z: z"));
-  ASSERT_TRUE(headers.parseHeaderLine("ACCEPT:"));
-  EXPECT_EQ(headers.getHeader("accept"), "a, b;q=1, ");
+  EXPECT_EQ(headers.getHeader("accept"), "a, b;q=1");
   EXPECT_EQ(headers.getHeader("x"), "y");
   EXPECT_EQ(headers.getHeader("z"), "z");
   EXPECT_EQ(headers.size(), 3U);
+}
+
+TEST(HeaderLine, EmptyValuesAddNothing) {
+  Headers headers;
+  ASSERT_TRUE(headers.parseHeaderLine("A:"));
+  ASSERT_TRUE(headers.parseHeaderLine("Z: z"));
+  ASSERT_TRUE(headers.parseHeaderLine("a: "));
+  EXPECT_EQ(headers.getHeader("a"), "");
+  ASSERT_TRUE(headers.parseHeaderLine("a: x"));
+  ASSERT_TRUE(headers.parseHeaderLine("a:"));
+  ASSERT_TRUE(headers.parseHeaderLine("a: y"));
+  EXPECT_EQ(headers.getHeader("a"), "x, y");
+  EXPECT_EQ(headers.getHeader("z"), "z");
 }
 
 TEST(HeaderLine, JoiningEndsWhereTheSearchDoes) {
@@ -159,27 +171,9 @@ TEST(HeaderLine, Hosts) {
                             "xn--bcher-kva.example", "h:", "%41.b"}) {
     EXPECT_TRUE(takes(std::string("Host: ") + value)) << value;
   }
-  for (const char* value : {"a b",
-                            "a,b c",
-                            "a/b",
-                            "user@a",
-                            "a:80:90",
-                            "a:x",
-                            "[::1",
-                            "::1",
-                            "[]",
-                            "[::1]x",
-                            "a?b",
-                            "a#b",
-                            "a\\b",
-                            "<a>",
-                            "\"a\"",
-                            "a:80 ,b",
-                            ":80",
-                            "b\xc3\xbc"
-                            "cher",
-                            "[a/b]",
-                            "http://a/"}) {
+  for (const char* value :
+       {"a b", "a,b c", "a/b",  "user@a", "a:80:90", "a:x",     "[::1", "::1",      "[]",    "[::1]x",
+        "a?b", "a#b",   "a\\b", "<a>",    "\"a\"",   "a:80 ,b", ":80",  "\xc3\xbc", "[a/b]", "http://a/"}) {
     EXPECT_FALSE(takes(std::string("Host: ") + value)) << value;
   }
 }
@@ -209,8 +203,8 @@ TEST(HeaderLine, ThousandsOfTinyFields) {
   for (int i = 0; i < 4000; ++i)
     ASSERT_TRUE(headers.parseHeaderLine(i % 2 == 0 ? "00:x" : "01:y"));
   EXPECT_EQ(headers.size(), count);
-  EXPECT_EQ(headers.getHeader("00")->size(), 2000U * 3);
-  EXPECT_EQ(headers.getHeader("01")->size(), 2000U * 3);
+  EXPECT_EQ(headers.getHeader("00")->size(), 2000U * 3 - 2);
+  EXPECT_EQ(headers.getHeader("01")->size(), 2000U * 3 - 2);
   EXPECT_EQ(headers.getHeader("zz"), "");
 }
 

@@ -6,29 +6,7 @@
 #include "platform/web/functions.h"
 #include "platform/web/request.h"
 #include "platform/web/response.h"
-
-// Counts what the program takes from the heap: a kept-alive connection that has served one request takes nothing more.
-
-namespace {
-
-unsigned long allocations = 0;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  void* const memory = std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) std::abort();
-  return memory;
-}
-
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
+#include "tests/web/allocations.h"
 
 namespace {
 
@@ -74,18 +52,18 @@ TEST(Reuse, AWarmConnectionTakesNothingFromTheHeap) {
   std::string out;
   serve(request, response, out);
   const std::string first = out;
-  const unsigned long before = allocations;
+  const unsigned long before = allocations();
   for (int i = 0; i < 10; ++i)
     serve(request, response, out);
-  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(allocations(), before);
   EXPECT_EQ(out, first);
 }
 
 TEST(Reuse, AFreshConnectionTakesNothingBeforeItsFirstRequest) {
-  const unsigned long before = allocations;
+  const unsigned long before = allocations();
   const Request request(false, false);
   const Response response;
-  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(allocations(), before);
 }
 
 }  // namespace
