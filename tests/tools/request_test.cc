@@ -46,11 +46,9 @@ TEST(Request, CarriesNoDescriptor) {
 }
 
 TEST(Request, HasToFitTheBus) {
-  std::string text = "{";
-  for (int i = 0; i < 65; ++i) {
-    if (i > 0) text += ',';
-    text += "s" + std::to_string(i) + ":'" + std::string(i < 64 ? 65529 : 0, 'x') + "'";
-  }
+  std::string text = "{s99:''";
+  for (int i = 0; i < 64; ++i)
+    text.append(",s").append(std::to_string(i)).append(":'").append(65529, 'x').append("'");
   // 64 * 65535 + 5 bytes and the magic leave 57 bytes, room for a command and a path of two.
   ASSERT_TRUE(tn::readText(text + "}"));
   EXPECT_TRUE(tool::buildRequest(addressed(), text + "}"));
