@@ -64,7 +64,7 @@ TEST(RequestLine, WhatIsNoTokenIsMalformed) {
 TEST(RequestLine, Versions) {
   for (unsigned minor = 0; minor <= 9; ++minor) {
     Request request(false, false);
-    ASSERT_TRUE(request.parseStatusLine("GET / HTTP/1." + std::to_string(minor)));
+    ASSERT_TRUE(request.parseStatusLine(std::string("GET / HTTP/1.").append(std::to_string(minor))));
     EXPECT_EQ(request.version, 256 + minor);
   }
 }

@@ -22,9 +22,9 @@ TEST(Request, ResetForgetsTheRequest) {
   Request request(false, true);
   ASSERT_TRUE(request.parseStatusLine("POST /a?b HTTP/1.0"));
   ASSERT_TRUE(request.headers.parseHeaderLine("Host: a"));
-  request.pathInfo = "a";
+  request.pathInfo.append("a");
   request.pathInfoSet = true;
-  request.query = "b";
+  request.query.append("b");
   request.bodyChunk = 0;
   request.bodyConsumer = [](std::string_view, bool) {};
   request.reset();
