@@ -35,10 +35,8 @@ class EpollRunner : public ThinRunner {
   bool forgetSocket(int fd) override;
   void drained(int fd, unsigned bits) override;
 
-  // One turn: waits until a socket is ready or a timer expires (not at all when `mayWait` is false or sockets are left
-  // over from the last turn), calls the sockets, then runs the timers. False: the kernel gives no events any more and
-  // never will (errno says why); a signal is no such failure.
-  [[nodiscard]] bool turn(bool mayWait);
+  // Does not wait either while sockets are left over from the last turn. A signal ends the wait and is no failure.
+  [[nodiscard]] bool turn(bool mayWait) override;
 
  private:
   struct Slot {

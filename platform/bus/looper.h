@@ -1,44 +1,52 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <span>
 #include <string>
 
+#include "platform/bus/frame.h"
 #include "platform/bus/handler.h"
 #include "platform/bus/thin_runner.h"
 
 namespace tn {
 
 class BusLink;
+class SocketLink;
+class Switchboard;
 
-// The event loop of a program and its place on the bus: one per process, on the stack of main. It is itself the handler of
-// id 0, which every message without a further path reaches.
+// The event loop of a program and its place on the bus: one per process, on the stack of main. It is itself the handler
+// of id 0, which every message without a further path reaches.
 //
 // It connects to the broker in the background and joins again, with a growing pause, whenever the broker goes away;
-// pending posts then fail with "unreachable" and everything else goes on. Messages sent while there is no link fail the same way.
+// pending posts then fail with "unreachable" and everything else goes on. Messages sent while there is no link fail the
+// same way.
 class Looper : public Handler {
  public:
   // Thirteen limits and times; 0 takes the default that is named behind each.
   struct Tuning {
-    unsigned id;                  // bus id to ask for; 0: any free one from 1000 up
-    unsigned rejoinFirstMs;       // first pause before joining again; 20
-    unsigned rejoinMaxMs;         // longest pause; 1000
-    unsigned joinTimeoutMs;       // how long the broker may take to answer a join; 2000
-    unsigned outQueueBytes;       // bytes waiting for the broker before messages are refused; 8 MiB
-    unsigned readBufferBytes;     // one read from the broker; 64 KiB
-    unsigned eventsPerWait;       // readiness events taken per wait; 64
-    unsigned roundsPerTurn;       // times a cached socket is called again before the kernel is asked; 4
-    unsigned framesPerTurn;       // frames handled before sockets get a turn; 256
-    unsigned maxPosts;            // pending posts before one is refused as unreachable; 65536
-    unsigned maxKept;             // messages kept while an exchange waits; 4096
-    unsigned openFiles;           // descriptors wanted; the hard limit
-    unsigned stopSignals;         // 1: SIGTERM and SIGINT are left as they are
+    unsigned id;               // bus id to ask for; 0: any free one from 1000 up
+    unsigned rejoinFirstMs;    // first pause before joining again; 20
+    unsigned rejoinMaxMs;      // longest pause; 1000
+    unsigned joinTimeoutMs;    // how long the broker may take to answer a join; 2000
+    unsigned outQueueBytes;    // bytes waiting for the broker before messages are refused; 8 MiB
+    unsigned readBufferBytes;  // one read from the broker; 64 KiB
+    unsigned eventsPerWait;    // readiness events taken per wait; 64
+    unsigned roundsPerTurn;    // times a cached socket is called again before the kernel is asked; 4
+    unsigned framesPerTurn;    // frames handled before sockets get a turn; 256
+    unsigned maxPosts;         // pending posts before one is refused as unreachable; 65536
+    unsigned maxKept;          // messages kept while an exchange waits; 4096
+    unsigned openFiles;        // descriptors wanted; the hard limit
+    unsigned stopSignals;      // 1: SIGTERM and SIGINT are left as they are
   };
 
+  // Raises the soft limit of open descriptors.
   explicit Looper(const Tuning& tuning = {});
+  // For tests (tests/fakes): with this runner and this way to the broker.
+  Looper(std::unique_ptr<ThinRunner> runner, std::unique_ptr<BusLink> link, const Tuning& tuning = {});
   ~Looper() override;
 
-  // The runner, the looper and its path to the broker can be replaced for tests (tests/fakes).
   [[nodiscard]] ThinRunner& runner() { return *runner_; }
 
   // Registers a handler under an id; it takes the place of one that had it. The handler is not owned.
@@ -52,13 +60,43 @@ class Looper : public Handler {
   void joinGroup(std::uint32_t group);
   void leaveGroup(std::uint32_t group);
 
-  // Runs until quit(), cmdShutdown, SIGTERM or SIGINT.
+  // Asks the broker itself: `request` holds the operation (u32 1) and its fields, see docs/bus-protocol.md. The
+  // callback gets the broker's answer, or "timeout", or "unreachable" when there is no link or it is lost; never before
+  // this has returned. Two requests of one operation are answered in their order.
+  void control(const message& request, ReplyCallback callback, std::uint32_t timeoutMs);
+  // Who is shown the frames that pass the broker, once the control operation `monitor` asked for them. The payload is a
+  // flattened message as its sender sent it, unchecked, and a view that dies when the observer returns.
+  using Observer =
+      std::function<void(std::uint32_t from, std::uint32_t to, FrameKind kind, std::span<const std::uint8_t> payload)>;
+  void setObserver(Observer observer);
+
+  // Runs until quit(), cmdShutdown, SIGTERM or SIGINT. Before it returns, what is queued for the broker and the log is
+  // written as far as it goes.
   void run();
-  void quit();
+  void quit() { quitting_ = true; }
+  // What run() does between two turns: delivers what exchangeMessage kept aside, closes descriptors that nobody took,
+  // has handlers tell their subscribers, writes to the broker. True: messages are left over. For tests that turn the
+  // loop by hand.
+  bool finishTurn();
+
+  // The base passes the notice that a session ended on to all handlers.
+  message cmdDisconnected(message& msg) override;
 
  private:
+  friend class Handler;
+  friend class Switchboard;
+  class StopSignals;
+
+  Looper(std::unique_ptr<ThinRunner> runner, const Tuning& tuning);
+  void start(std::unique_ptr<BusLink> link, const Tuning& tuning);
+  [[nodiscard]] Switchboard& switchboard() { return *switchboard_; }
+
   std::unique_ptr<ThinRunner> runner_;
   std::unique_ptr<BusLink> link_;
+  SocketLink* socketLink_ = nullptr;  // link_, when it is the real one
+  std::unique_ptr<Switchboard> switchboard_;
+  const bool leaveSignals_;
+  bool quitting_ = false;
 };
 
 // The process's looper and its runner: set by the constructor of Looper, cleared by its destructor.

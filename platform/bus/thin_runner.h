@@ -70,6 +70,10 @@ class ThinRunner {
   // False: no such timer (it ran, or was removed); harmless.
   bool removeTimer(TimerHandle handle) { return timers_.remove(handle); }
 
+  // One turn: waits until a socket is ready or a timer expires (not at all when `mayWait` is false), calls the sockets,
+  // then runs the timers. False: nothing will ever be ready again (errno says why).
+  [[nodiscard]] virtual bool turn(bool mayWait) = 0;
+
   [[nodiscard]] TimerQueue& timers() { return timers_; }
 
  private:

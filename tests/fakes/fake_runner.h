@@ -66,6 +66,9 @@ class FakeRunner : public ThinRunner {
     calls.push_back({Operation::drained, fd, bits, sockets_.contains(fd)});
   }
 
+  // Nothing is ever ready by itself: a loop that runs on this runner ends at once.
+  [[nodiscard]] bool turn(bool) override { return false; }
+
   // Tells the socket of those of `bits` that it is watched for (a hang-up always). False, and nothing is called: it is
   // not watched, or for none of them.
   bool ready(int fd, unsigned bits) {
