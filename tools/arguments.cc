@@ -68,12 +68,12 @@ std::optional<std::uint32_t> number32(std::string_view text) {
 
 class Parser {
  public:
-  explicit Parser(std::span<const char* const> arguments) : left_(arguments) {}
+  Parser(std::span<const char* const> arguments, Arguments& out) : left_(arguments), result_(out) {}
 
-  std::expected<Arguments, std::string> parse() {
-    if (!readAll() || (!helpWanted_ && !readOperands())) return std::unexpected(error_);
+  std::optional<std::string> parse() {
+    if (!readAll() || (!helpWanted_ && !readOperands())) return std::move(error_);
     if (helpWanted_) result_.operation = Operation::help;
-    return result_;
+    return std::nullopt;
   }
 
  private:
@@ -200,14 +200,15 @@ class Parser {
   std::span<const char* const> left_;
   std::vector<std::string_view> operands_;
   bool helpWanted_ = false;
-  Arguments result_;
+  Arguments& result_;
   std::string error_;
 };
 
 }  // namespace
 
-std::expected<Arguments, std::string> parseArguments(std::span<const char* const> arguments) {
-  return Parser(arguments).parse();
+std::optional<std::string> parseArguments(std::span<const char* const> arguments, Arguments& out) {
+  out = Arguments();
+  return Parser(arguments, out).parse();
 }
 
 std::string_view helpText() {

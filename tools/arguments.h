@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <expected>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -26,9 +26,9 @@ struct Arguments {
   bool quiet = false;
 };
 
-// The arguments behind the program's name. Options may stand anywhere up to a "--". The error is one line without an
-// end, for a person.
-[[nodiscard]] std::expected<Arguments, std::string> parseArguments(std::span<const char* const> arguments);
+// Reads the arguments behind the program's name into `out`. Options may stand anywhere up to a "--". Returns what is
+// wrong, one line for a person without a line end, or nothing.
+[[nodiscard]] std::optional<std::string> parseArguments(std::span<const char* const> arguments, Arguments& out);
 
 // What --help prints.
 [[nodiscard]] std::string_view helpText();

@@ -161,17 +161,19 @@ std::string renderStatistics(const message& answer, bool lineForm) {
 }
 
 std::string renderObserved(const Observed& frame, bool lineForm) {
+  message msg;
+  const bool isMessage = msg.unflatten(frame.payload);
   if (lineForm) {
     return "{u1:" + decimal(frame.from) + ",u2:" + decimal(frame.to) + ",u3:" + decimal(frame.kind) +
-           ",q4:" + decimal(frame.milliseconds) + ",m5:" + tn::writeText(frame.msg) + "}\n";
+           ",q4:" + decimal(frame.milliseconds) + (isMessage ? ",m5:" + tn::writeText(msg) : "") + "}\n";
   }
   // A bounced frame goes back to its sender with its paths as they were.
   const bool isBounced = frame.kind == static_cast<std::uint32_t>(tn::FrameKind::bounced);
   const auto fromRest = isBounced ? tn::field::destination : tn::field::sender;
   const auto toRest = isBounced ? tn::field::sender : tn::field::destination;
-  return seconds(frame.milliseconds) + ' ' + pathText(frame.from, frame.msg, fromRest) + " -> " +
-         pathText(frame.to, frame.msg, toRest) + ' ' + kindName(frame.kind) + ", " + decimal(frame.msg.max_length()) +
-         " bytes\n" + tn::writeTree(frame.msg, 2);
+  return seconds(frame.milliseconds) + ' ' + pathText(frame.from, msg, fromRest) + " -> " +
+         pathText(frame.to, msg, toRest) + ' ' + kindName(frame.kind) + ", " + decimal(frame.payload.size()) +
+         (isMessage ? " bytes\n" : " bytes that are no message\n") + tn::writeTree(msg, 2);
 }
 
 }  // namespace tool

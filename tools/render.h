@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "platform/bus/frame.h"
@@ -21,13 +22,13 @@ namespace tool {
 [[nodiscard]] std::string renderList(const tn::message& answer, bool lineForm);
 [[nodiscard]] std::string renderStatistics(const tn::message& answer, bool lineForm);
 
-// One frame that the broker has shown.
+// One frame that the broker has shown. Its payload is what its sender made of it, a message or not.
 struct Observed {
   std::uint32_t from;
   std::uint32_t to;
   std::uint32_t kind;
   std::uint64_t milliseconds;  // since the monitor began
-  const tn::message& msg;
+  std::span<const std::uint8_t> payload;
 };
 [[nodiscard]] std::string renderObserved(const Observed& frame, bool lineForm);
 

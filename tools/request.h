@@ -1,7 +1,8 @@
 #pragma once
 
-#include <expected>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/bus/message.h"
 #include "tools/arguments.h"
@@ -11,11 +12,14 @@ namespace tool {
 // Largest text of a message: as long as the largest message can become in the line form, and some space.
 inline constexpr std::size_t maxMessageText = 32U << 20;
 
-// Everything up to the end of the file. The error is one line for a person.
-[[nodiscard]] std::expected<std::string, std::string> readWholeInput(int fd);
+// Both return nothing, or what is wrong as one line for a person.
 
-// The message that `call` and `send` send: the fields of `text`, addressed. Bus header fields in the text that address
-// it otherwise are replaced. The error is one line for a person.
-[[nodiscard]] std::expected<tn::message, std::string> buildRequest(const Arguments& arguments, std::string_view text);
+// Reads everything up to the end of the file into `text`.
+[[nodiscard]] std::optional<std::string> readWholeInput(int fd, std::string& text);
+
+// Makes the message that `call` and `send` send: the fields of `text`, addressed. Bus header fields in the text that
+// address it otherwise are replaced.
+[[nodiscard]] std::optional<std::string> buildRequest(const Arguments& arguments, std::string_view text,
+                                                      tn::message& request);
 
 }  // namespace tool

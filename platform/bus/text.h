@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <expected>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,8 +28,9 @@ struct TextError {
   std::string expected;
 };
 
+// Replaces `out` by the message that the text stands for; when it stands for none, says why, and `out` is empty.
 // Strict: nothing is guessed, a key given twice is refused, and so is a value that does not fit its type.
-[[nodiscard]] std::expected<message, TextError> readText(std::string_view text);
+[[nodiscard]] std::optional<TextError> readText(std::string_view text, message& out);
 
 // Read back it gives the same fields with the same values in the same order. Bytes of strings that are no UTF-8 are
 // escaped, so the text is one line that any terminal shows.

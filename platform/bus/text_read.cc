@@ -260,11 +260,12 @@ class Reader {
 
 }  // namespace
 
-std::expected<message, TextError> readText(std::string_view text) {
+std::optional<TextError> readText(std::string_view text, message& out) {
   Reader reader(text);
-  message out;
-  if (!reader.readWhole(out)) return std::unexpected(reader.takeError());
-  return out;
+  out = message();
+  if (reader.readWhole(out)) return std::nullopt;
+  out = message();
+  return reader.takeError();
 }
 
 }  // namespace tn

@@ -12,19 +12,16 @@ using testing::HasSubstr;
 using tool::Arguments;
 using tool::Operation;
 
-std::expected<Arguments, std::string> parse(std::vector<const char*> words) {
-  return tool::parseArguments(words);
-}
-
 Arguments parsed(const std::vector<const char*>& words) {
-  const auto result = parse(words);
-  EXPECT_TRUE(result) << (result ? "" : result.error());
-  return result.value_or(Arguments());
+  Arguments arguments;
+  const auto error = tool::parseArguments(words, arguments);
+  EXPECT_FALSE(error) << *error;
+  return arguments;
 }
 
 std::string refusal(const std::vector<const char*>& words) {
-  const auto result = parse(words);
-  return result ? "accepted" : result.error();
+  Arguments arguments;
+  return tool::parseArguments(words, arguments).value_or("accepted");
 }
 
 TEST(Arguments, OperationsWithoutOperands) {

@@ -9,9 +9,9 @@ namespace {
 using tn::message;
 
 message reading(std::string_view text) {
-  const auto result = tn::readText(text);
-  EXPECT_TRUE(result) << text;
-  return result.value_or(message());
+  message m;
+  EXPECT_FALSE(tn::readText(text, m)) << text;
+  return m;
 }
 
 TEST(RenderAnswer, LeavesOutWhatOnlyCarriedIt) {
@@ -59,21 +59,30 @@ unfinished bytes: 88
 
 TEST(RenderObserved, ShowsWholePaths) {
   const message m = reading("{Uff0001:[1],Uff0002:[5],uff0007:0xfe0102}");
-  EXPECT_EQ(tool::renderObserved({1003, 68, 0, 12045, m}, false), R"(12.045 1003/5 -> 68/1 message, 30 bytes
+  EXPECT_EQ(tool::renderObserved({1003, 68, 0, 12045, m.flattened()}, false), R"(12.045 1003/5 -> 68/1 message, 30 bytes
   Uff0001 destination: 1
   Uff0002 sender: 5
   uff0007 command: 0xfe0102 get
 )");
-  EXPECT_EQ(tool::renderObserved({68, 1003, 1, 999, m}, false).substr(0, 36), "0.999 68/1 -> 1003/5 bounced, 30 byt");
+  EXPECT_EQ(tool::renderObserved({68, 1003, 1, 999, m.flattened()}, false).substr(0, 36),
+            "0.999 68/1 -> 1003/5 bounced, 30 byt");
   const message control = reading("{u1:4}");
-  EXPECT_EQ(tool::renderObserved({1003, 0, 2, 0, control}, false), "0.000 1003 -> 0 control, 7 bytes\n  u1: 4\n");
-  EXPECT_EQ(tool::renderObserved({1, 2, 77, 0, message()}, false), "0.000 1 -> 2 kind 77, 2 bytes\n");
+  EXPECT_EQ(tool::renderObserved({1003, 0, 2, 0, control.flattened()}, false),
+            "0.000 1003 -> 0 control, 7 bytes\n  u1: 4\n");
+  EXPECT_EQ(tool::renderObserved({1, 2, 77, 0, message().flattened()}, false), "0.000 1 -> 2 kind 77, 2 bytes\n");
 }
 
 TEST(RenderObserved, TheLineFormIsAMessageItself) {
-  const std::string line = tool::renderObserved({1003, 68, 0, 12045, reading("{s1:'\\n'}")}, true);
+  const message m = reading("{s1:'\\n'}");
+  const std::string line = tool::renderObserved({1003, 68, 0, 12045, m.flattened()}, true);
   EXPECT_EQ(line, "{u1:1003,u2:68,u3:0,q4:12045,m5:{s1:'\\n'}}\n");
   EXPECT_EQ(reading(line).get(tn::u64_id(4)), 12045U);
+}
+
+TEST(RenderObserved, SaysWhenAFrameHoldsNoMessage) {
+  const std::uint8_t payload[] = {1, 2, 3};
+  EXPECT_EQ(tool::renderObserved({1, 2, 0, 5, payload}, false), "0.005 1 -> 2 message, 3 bytes that are no message\n");
+  EXPECT_EQ(tool::renderObserved({1, 2, 0, 5, payload}, true), "{u1:1,u2:2,u3:0,q4:5}\n");
 }
 
 }  // namespace
