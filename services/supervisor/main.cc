@@ -1,0 +1,124 @@
+#include <algorithm>
+#include <csignal>
+#include <expected>
+#include <fcntl.h>
+#include <optional>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "platform/bus/looper.h"
+#include "platform/log.h"
+#include "platform/unique_fd.h"
+#include "services/supervisor/enquiry.h"
+#include "services/supervisor/processes.h"
+#include "services/supervisor/program_list.h"
+#include "services/supervisor/supervisor.h"
+
+// tnrun, the first program of the image: keeps the programs of /tarn/etc/programs running until SIGTERM or SIGINT.
+
+namespace {
+
+constexpr char listPath[] = "/tarn/etc/programs";
+constexpr std::size_t maxListBytes = 64U << 10U;
+constexpr std::string_view brokerName = "busd";
+
+std::optional<std::string> readList() {
+  const UniqueFd file(open(listPath, O_RDONLY | O_CLOEXEC));
+  if (!file) return std::nullopt;
+  std::string text(maxListBytes, '\0');
+  std::size_t held = 0;
+  while (held < text.size()) {
+    const ssize_t got = read(file.get(), text.data() + held, text.size() - held);
+    if (got < 0) return std::nullopt;
+    if (got == 0) break;
+    held += static_cast<std::size_t>(got);
+  }
+  text.resize(held);
+  return text;
+}
+
+std::optional<std::vector<tnrun::Program>> readPrograms() {
+  const std::optional<std::string> text = readList();
+  if (!text) {
+    logSystemError(listPath);
+    return std::nullopt;
+  }
+  auto programs = tnrun::parseProgramList(*text);
+  if (!programs) {
+    logLine(listPath, ":", NumberText(programs.error().line), ": ", programs.error().reason);
+    return std::nullopt;
+  }
+  return std::move(*programs);
+}
+
+// The signals that the supervisor takes as events, blocked for everything else.
+UniqueFd takeSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int number : {SIGCHLD, SIGTERM, SIGINT})
+    sigaddset(&set, number);
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  return UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+void reapChildren(tnrun::Supervisor& supervisor) {
+  int status = 0;
+  for (pid_t pid = waitpid(-1, &status, WNOHANG); pid > 0; pid = waitpid(-1, &status, WNOHANG)) {
+    // Whatever the program had started is of its process group and goes with it.
+    kill(-pid, SIGKILL);
+    supervisor.onEnded(pid, status);
+  }
+}
+
+void onSignals(int fd, tnrun::Supervisor& supervisor) {
+  signalfd_siginfo info{};
+  bool stop = false;
+  while (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+    stop |= info.ssi_signo != SIGCHLD;
+  if (stop) supervisor.stop();
+  // One SIGCHLD may stand for many children.
+  reapChildren(supervisor);
+}
+
+int supervise(const std::vector<tnrun::Program>& programs, std::size_t broker) {
+  const UniqueFd signals = takeSignals();
+  if (!signals) {
+    logSystemError("signalfd");
+    return 1;
+  }
+  tn::Looper::Tuning tuning{};
+  tuning.stopSignals = 1;
+  tn::Looper looper(tuning);
+  tnrun::RealProcesses processes;
+  tnrun::BusEnquiry enquiry(looper, programs, broker);
+  tnrun::Supervisor supervisor(programs, broker, looper.runner(), processes, enquiry, [&looper] { looper.quit(); });
+  looper.runner().addSocket(signals.get(), tn::readable, [&](int fd, unsigned) { onSignals(fd, supervisor); });
+  supervisor.start();
+  looper.run();
+  looper.runner().removeSocket(signals.get());
+  return 0;
+}
+
+}  // namespace
+
+int main() {
+  signal(SIGPIPE, SIG_IGN);
+  // What a program leaves behind when it ends becomes a child of this one, and is reaped here.
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  int status = 1;
+  if (const auto programs = readPrograms()) {
+    const auto isBroker = [](const tnrun::Program& program) { return program.name == brokerName; };
+    const auto broker = std::find_if(programs->begin(), programs->end(), isBroker);
+    if (broker != programs->end()) {
+      status = supervise(*programs, static_cast<std::size_t>(broker - programs->begin()));
+    } else {
+      logLine(listPath, ": no program is named ", brokerName);
+    }
+  }
+  drainLog();
+  return status;
+}
