@@ -1,0 +1,24 @@
+#include <csignal>
+
+#include "core/web_server.h"
+#include "http/connection.h"
+#include "platform/bus/looper.h"
+
+namespace {
+
+constexpr char configDirectory[] = "/tarn/etc/www";
+constexpr std::uint32_t controlHandlerId = 1;
+
+}  // namespace
+
+int main() {
+  tn::Looper looper(tn::Looper::Tuning{});
+  WebServer server;
+  looper.addHandler(controlHandlerId, server);
+  // A peer that has gone shows itself as a failed write.
+  signal(SIGPIPE, SIG_IGN);
+  server.start(configDirectory);
+  looper.run();
+  endAllConnections();
+  return 0;
+}
