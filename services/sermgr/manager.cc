@@ -1,0 +1,235 @@
+#include "services/sermgr/manager.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "platform/bus/looper.h"
+#include "platform/log.h"
+
+namespace sermgr {
+namespace {
+
+constexpr tn::message_array_id allRecords{1};
+
+// Copies the name: it must survive the message.
+std::string nameOf(const tn::message& msg) {
+  return std::string(msg.get(field::name).value_or(std::string_view()));
+}
+
+// What an answer needs of its request. The rest of it may be large, and is not to be kept for seconds.
+tn::message returnAddress(const tn::message& request) {
+  tn::message address;
+  if (const auto path = request.get(tn::field::sender)) address.insert_vector(tn::field::sender, *path);
+  if (const auto number = request.get(tn::field::requestNumber)) address.insert(tn::field::requestNumber, *number);
+  return address;
+}
+
+}  // namespace
+
+std::vector<Record> defaultRecords() {
+  constexpr std::uint32_t loopbackNetwork = 0x7F000000;
+  Prefix loopback;
+  loopback.address[15] = 1;
+  loopback.length = 128;
+  Record http;
+  http.name = "http";
+  http.port = 8080;
+  http.allowed = {Prefix::ofIpv4(loopbackNetwork, 8), loopback};
+  Record https = http;
+  https.name = "https";
+  https.port = 8443;
+  https.tlsRef = 1;
+  return {http, https};
+}
+
+Manager::Manager(Store& store) : store_(store), delivery_(*this) {}
+
+void Manager::start() {
+  std::vector<Record> records = defaultRecords();
+  Store::Failure failure = store_.open(records);
+  if (!failure) failure = store_.load(records);
+  if (failure) {
+    logLine("records: ", *failure, "; starting with the defaults, changes are refused");
+    records = defaultRecords();
+  }
+  for (Record& record : records) {
+    std::string name = record.name;
+    entries_[std::move(name)].record = std::move(record);
+  }
+}
+
+void Manager::handleCmd(tn::message& msg) {
+  switch (msg.get(tn::field::command).value_or(0)) {
+    case tn::command::set:
+      return change(msg, &Manager::set);
+    case tn::command::addObj:
+      return change(msg, &Manager::add);
+    case tn::command::removeObj:
+      return change(msg, &Manager::remove);
+    case command::askRecords:
+      return giveAll(msg);
+    default:
+      return Handler::handleCmd(msg);
+  }
+}
+
+tn::message Manager::cmdGet(tn::message& msg) {
+  const auto found = entries_.find(nameOf(msg));
+  if (found == entries_.end()) return tn::errorMsg(tn::error::noSuchService, "no such service");
+  return describe(found->second);
+}
+
+tn::message Manager::cmdGetAll(tn::message& /*msg*/) {
+  std::vector<tn::message> records;
+  for (const auto& [name, entry] : entries_)
+    records.push_back(describe(entry));
+  tn::message answer;
+  answer.insert_vector(allRecords, records);
+  return answer;
+}
+
+void Manager::change(const tn::message& msg, Change make) {
+  if (!isAllowed(msg)) return replyError(msg, tn::error::notAllowed, "not allowed");
+  if (changes_ == maxChanges) return replyError(msg, error::tooManyChanges, "too many changes at once");
+  const std::string name = nameOf(msg);
+  if (const auto problem = checkName(name)) return replyError(msg, error::badRecord, *problem);
+  if (const auto refusal = (this->*make)(msg, name)) return replyError(msg, refusal->code, refusal->text);
+  tell(msg, name);
+}
+
+std::optional<Manager::Refusal> Manager::set(const tn::message& msg, std::string_view name) {
+  const auto found = entries_.find(name);
+  if (found == entries_.end()) return Refusal{tn::error::noSuchService, "no such service"};
+  Record record = found->second.record;
+  if (auto problem = applyFields(record, msg)) return Refusal{error::badRecord, std::move(*problem)};
+  return keep(record);
+}
+
+std::optional<Manager::Refusal> Manager::add(const tn::message& msg, std::string_view name) {
+  Record record;
+  record.name = name;
+  if (auto problem = applyFields(record, msg)) return Refusal{error::badRecord, std::move(*problem)};
+  if (!entries_.contains(name) && entries_.size() == maxServers) {
+    return Refusal{error::badRecord, "at most " + std::to_string(maxServers) + " servers can be kept"};
+  }
+  return keep(record);
+}
+
+std::optional<Manager::Refusal> Manager::remove(const tn::message& /*msg*/, std::string_view name) {
+  const auto found = entries_.find(name);
+  if (found == entries_.end()) return Refusal{tn::error::noSuchService, "no such service"};
+  if (auto failure = store_.remove(name)) return Refusal{error::notStored, "cannot remove the record: " + *failure};
+  entries_.erase(found);
+  logLine("record ", name, ": removed");
+  return std::nullopt;
+}
+
+std::optional<Manager::Refusal> Manager::keep(const Record& record) {
+  if (auto failure = store_.save(record)) return Refusal{error::notStored, "cannot store the record: " + *failure};
+  entries_[record.name] = {record, false, {}, ++lastRevision_};
+  logLine("record ", record.name, ": enabled=", boolText(record.enabled), " port=", NumberText(record.port));
+  return std::nullopt;
+}
+
+// Tells the servers of a record as it is now, or that it is gone, and whoever changed it how they took that.
+void Manager::tell(const tn::message& request, const std::string& name) {
+  const auto found = entries_.find(name);
+  const bool gone = found == entries_.end();
+  const Told told{returnAddress(request), name, gone, gone ? 0 : found->second.revision};
+  const tn::message command = gone ? removeCommand(name) : applyCommand(found->second.record);
+  ++changes_;
+  delivery_.findServers([this, told, command](const Delivery::Found& there) {
+    if (there.failure) return finish(told, there.failure);
+    delivery_.deliver(there.servers, command, [this, told](const Outcome& outcome) { finish(told, outcome); });
+  });
+}
+
+void Manager::finish(const Told& told, const Outcome& outcome) {
+  --changes_;
+  settle(told.name, told.revision, outcome);
+  // A server that is not there does not listen, which is all that a removal is for.
+  const bool done = !outcome || (told.gone && outcome->code == tn::error::noSuchService);
+  tn::message answer;
+  if (!done) answer.insert(field::lastError, outcome->text);
+  reply(told.address, std::move(answer));
+}
+
+void Manager::settle(const std::string& name, std::uint64_t revision, const Outcome& outcome) {
+  const auto found = entries_.find(name);
+  if (found == entries_.end() || found->second.revision != revision) return;
+  found->second.applied = !outcome;
+  found->second.lastError = outcome ? outcome->text : std::string();
+  if (outcome) logLine("record ", name, ": not applied: ", outcome->text);
+}
+
+void Manager::linked() {
+  delivery_.findServers([this](const Delivery::Found& found) { sendAll(found.servers); });
+}
+
+// The asker is answered with commands to its handler 1. What it says to them counts for the records' state only if it
+// is a server: anybody may ask.
+void Manager::giveAll(const tn::message& request) {
+  if (!isAllowed(request)) return replyError(request, tn::error::notAllowed, "not allowed");
+  reply(request, {});
+  const auto sender = request.get(tn::field::sender);
+  if (!sender || sender->empty() || !askers_.insert(sender->front()).second) return;
+  delivery_.findServers([this, asker = sender->front()](const Delivery::Found& found) {
+    askers_.erase(asker);
+    if (std::ranges::find(found.servers, asker) != found.servers.end()) {
+      sendAll(std::array{asker});
+    } else {
+      sendUntracked(asker);
+    }
+  });
+}
+
+void Manager::sendAll(std::span<const std::uint32_t> servers) {
+  if (servers.empty()) return;
+  for (const Entry* entry : enabledFirst()) {
+    delivery_.deliver(servers, applyCommand(entry->record),
+                      [this, name = entry->record.name, revision = entry->revision](const Outcome& outcome) {
+                        settle(name, revision, outcome);
+                      });
+  }
+}
+
+void Manager::sendUntracked(std::uint32_t program) {
+  for (const Entry* entry : enabledFirst()) {
+    tn::message told = applyCommand(entry->record);
+    told.insert_vector(tn::field::destination, std::array{program, serverHandler});
+    sendMessage(std::move(told));
+  }
+}
+
+std::vector<Manager::Entry*> Manager::enabledFirst() {
+  std::vector<Entry*> order;
+  for (auto& [name, entry] : entries_)
+    order.push_back(&entry);
+  std::stable_partition(order.begin(), order.end(), [](const Entry* entry) { return entry->record.enabled; });
+  return order;
+}
+
+tn::message Manager::describe(const Entry& entry) {
+  tn::message msg;
+  writeRecord(entry.record, msg);
+  msg.insert(field::lastError, entry.lastError);
+  msg.insert(field::applied, entry.applied);
+  return msg;
+}
+
+tn::message Manager::applyCommand(const Record& record) {
+  tn::message msg;
+  writeRecord(record, msg);
+  msg.insert(tn::field::command, command::applyRecord);
+  return msg;
+}
+
+tn::message Manager::removeCommand(std::string_view name) {
+  tn::message msg;
+  msg.insert(field::name, name);
+  msg.insert(tn::field::command, tn::command::removeObj);
+  return msg;
+}
+
+}  // namespace sermgr
