@@ -25,11 +25,6 @@ Statement& Statement::bind(int index, std::string_view value) {
   return *this;
 }
 
-Statement& Statement::bindNull(int index) {
-  sqlite3_bind_null(statement_.get(), index);
-  return *this;
-}
-
 int Statement::step() {
   return failed_ != SQLITE_OK ? failed_ : sqlite3_step(statement_.get());
 }

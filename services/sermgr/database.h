@@ -20,7 +20,6 @@ class Statement {
   Statement& bind(int index, std::int64_t value);
   // The text must live until the statement is stepped.
   Statement& bind(int index, std::string_view value);
-  Statement& bindNull(int index);
 
   // SQLITE_ROW, SQLITE_DONE or an error code.
   [[nodiscard]] int step();

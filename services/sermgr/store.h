@@ -38,7 +38,7 @@ class Store {
   // No failure when there is no such record.
   [[nodiscard]] Failure remove(std::string_view name);
 
-  // Lowers the bound of the file's size; for tests of a full storage.
+  // Bounds the size of the file; it opens with maxPages. A file that is larger already only grows no more.
   void limitPages(std::int64_t pages);
 
  private:
