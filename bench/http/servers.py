@@ -183,8 +183,7 @@ def send_record(root, port, seconds=10.0):
     end = time.monotonic() + seconds
     while True:
         try:
-            bus = tarnbus.Bus(str(root / "run/tn/bus"))
-            bus.join(name="bench")
+            bus = tarnbus.Client(str(root / "run/tn/bus"), name="bench")
             break
         except OSError:
             if time.monotonic() > end:
@@ -197,9 +196,10 @@ def send_record(root, port, seconds=10.0):
         if time.monotonic() > end:
             raise RuntimeError("www did not join the bus")
         time.sleep(0.002)
-    reply = bus.call([programs["www"], 1], 0x30001, {("s", 1): "http", ("u", 2): port})
+    reply = bus.request([programs["www"], 1], tarnbus.SET, tarnbus.record("http", port))
     bus.close()
-    return reply
+    if tarnbus.is_error(reply):
+        raise RuntimeError(f"www refused the record: {tarnbus.error_of(reply)}")
 
 
 def start_www(work, tree, cpu, build, log=subprocess.DEVNULL):
