@@ -15,6 +15,8 @@ namespace {
 using Path = std::vector<std::uint32_t>;
 
 constexpr std::size_t maxSubscribers = 1024;
+// A path that is kept; real ones have three or four elements.
+constexpr std::size_t maxSubscriberPath = 64;
 // Changes that wait for the end of the turn; with more they are told at once.
 constexpr std::size_t maxUntold = 1024;
 
@@ -233,7 +235,7 @@ void Handler::replyError(const message& request, std::uint32_t code, std::string
 
 bool Handler::subscribe(const message& request) {
   auto path = request.get(field::sender);
-  if (!path || path->empty()) return false;
+  if (!path || path->empty() || path->size() > maxSubscriberPath) return false;
   if (!subscriptions_) subscriptions_ = std::make_unique<Subscriptions>();
   std::vector<Path>& all = subscriptions_->subscribers;
   if (std::ranges::find(all, *path) != all.end()) return true;

@@ -990,6 +990,13 @@ TEST_F(SubscriptionTest, SubscribersAreLimited) {
   EXPECT_EQ(codeOf(bus.replyTo(number)->content), 1U);
 }
 
+TEST_F(SubscriptionTest, ALongPathIsNotKept) {
+  subscribe(1000, Path(64, 7));
+  EXPECT_EQ(teller.subscriberCount(), 0U);
+  subscribe(1000, Path(63, 7));
+  EXPECT_EQ(teller.subscriberCount(), 1U);
+}
+
 TEST_F(SubscriptionTest, ADescriptorInAChangeIsClosed) {
   subscribe(1000, {});
   Pipe pipe;
