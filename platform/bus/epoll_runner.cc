@@ -194,14 +194,10 @@ void EpollRunner::call(const Entry& entry) {
   if (slot == nullptr) return;
   slot->queued = false;
   const unsigned told = slot->ready & (slot->mask | hangUp);
-  if (told == 0) return;
   // A hang-up by itself is told once, else a socket that waits for nothing would be called for ever; it goes along with
-  // whatever is told later.
-  if (slot->cached) {
-    slot->ready &= static_cast<std::uint8_t>(~hangUp);
-  } else {
-    slot->ready = 0;
-  }
+  // whatever is told later. What a level socket was ready for is forgotten, the kernel says it again.
+  slot->ready &= static_cast<std::uint8_t>(slot->cached ? ~hangUp : 0U);
+  if (told == 0) return;
   SocketCallback callback = std::move(slot->callback);
   callback(entry.fd, told | ((slot->lasting & writable) != 0 ? hangUp : 0U));
   slot = find(entry);

@@ -170,6 +170,26 @@ TEST_F(EpollRunnerTest, InterestThatGoesBeforeTheCallSavesTheCall) {
   EXPECT_EQ(told, nothing);
 }
 
+TEST_F(EpollRunnerTest, ALevelSocketIsNotToldOfWhatWasBefore) {
+  const Pair first;
+  const Pair second;
+  runner.addSocket(
+      first.here.get(), readable, [&](int, unsigned) { runner.changeSocket(second.here.get(), 0); }, Trigger::cached);
+  runner.addSocket(second.here.get(), readable, note());
+  first.feed("x");
+  turn();
+  second.feed("x");
+  runner.changeSocket(first.here.get(), 0);
+  runner.changeSocket(first.here.get(), readable);  // so it is called before the other one
+  turn();
+  EXPECT_EQ(told, nothing);
+  EXPECT_EQ(readSome(second.here.get()), "x");
+  runner.changeSocket(first.here.get(), 0);
+  runner.changeSocket(second.here.get(), readable | writable);
+  turn();
+  EXPECT_EQ(told, std::vector<unsigned>{writable});
+}
+
 TEST_F(EpollRunnerTest, TheEndIsToldAfterAShortReadSaidDrained) {
   Pair pair;
   std::vector<std::string> got;
