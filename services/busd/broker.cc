@@ -100,11 +100,11 @@ void Broker::pauseAccepting(bool paused) {
 }
 
 bool Broker::adopt(UniqueFd socket, uid_t uid) {
-  if (clients_.size() >= limits_.clients) {
+  const bool trusted = uid == 0 || uid == uid_;
+  if (clients_.size() >= limits_.clients - (trusted ? 0 : limits_.trustedClients)) {
     turnAway(std::move(socket));
     return false;
   }
-  const bool trusted = uid == 0 || uid == uid_;
   auto client = std::make_unique<Client>(std::move(socket), uid, trusted, queuedTotal_);
   if (!poller_.addConnection(client->socket.get(), client.get())) {
     logSystemError("epoll_ctl");
@@ -234,7 +234,9 @@ void Broker::giveUpOldest() {
     if (client->heldBytes == 0 || client->state == Client::State::gone) continue;
     if (oldest == nullptr || client->unfinishedAge < oldest->unfinishedAge) oldest = client.get();
   }
-  if (oldest != nullptr) router_.disconnect(*oldest, "its frame was unfinished for the longest time");
+  if (oldest == nullptr) return;
+  router_.disconnect(*oldest, "its frame was unfinished for the longest time");
+  countHeld(*oldest, 0);
 }
 
 void Broker::onDeadline(Client& client) {

@@ -10,6 +10,8 @@ namespace busd {
 // What one program, and all of them together, can cost the broker. Tests shrink them.
 struct Limits {
   std::size_t clients = 4096;
+  // Of them, those that programs of other users cannot take: the system's own always find a place.
+  std::size_t trustedClients = 64;
   std::size_t groupsPerClient = 64;
   // Programs of other users are let into a group up to this many members: one frame to a group costs a copy for each.
   std::size_t membersPerGroup = 256;

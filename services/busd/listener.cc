@@ -14,7 +14,6 @@ namespace busd {
 
 namespace {
 
-constexpr int backlog = 128;
 constexpr mode_t folderMode = 0755;
 constexpr mode_t lockMode = 0600;
 constexpr mode_t socketMode = 0666;  // whoever connects is known by its user
@@ -81,7 +80,7 @@ std::expected<Listener, std::string> Listener::open(const std::string& path) {
     return failure("cannot bind", path);
   }
   if (chmod(path.c_str(), socketMode) != 0) return failure("cannot open to all users", path);
-  if (::listen(socket.get(), backlog) != 0) return failure("cannot listen on", path);
+  if (::listen(socket.get(), SOMAXCONN) != 0) return failure("cannot listen on", path);
   return Listener(path, std::move(lock), std::move(socket));
 }
 

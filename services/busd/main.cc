@@ -28,6 +28,7 @@ busd::Limits limitsFor(rlim_t descriptors) {
   busd::Limits limits;
   const rlim_t usable = descriptors > 2 * spareDescriptors ? descriptors - spareDescriptors : spareDescriptors;
   limits.clients = static_cast<std::size_t>(std::min<rlim_t>(limits.clients, usable));
+  limits.trustedClients = std::min(limits.trustedClients, limits.clients / 2);
   return limits;
 }
 

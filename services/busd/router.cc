@@ -263,7 +263,7 @@ bool Router::queueCopy(Client& to, std::span<const std::uint8_t> head, std::span
 
 void Router::answer(Client& to, std::span<const std::uint8_t> payload) {
   if (!to.monitoring && !monitors_.empty()) observe(tn::brokerId, to.id, FrameKind::control, payload);
-  flush(to);
+  if (to.firstPiece != Client::noPiece) flush(to);
   std::array<std::uint8_t, frameHeaderBytes> head;
   tn::storeFrameHeader(head.data(), {static_cast<std::uint32_t>(payload.size()), tn::brokerId,
                                      static_cast<std::uint32_t>(FrameKind::control)});

@@ -223,6 +223,7 @@ TEST_F(ControlTest, LimitsTheGroupsOfAProgram) {
 Limits fewLimits() {
   Limits limits;
   limits.clients = 3;
+  limits.trustedClients = 1;
   limits.membersPerGroup = 1;
   limits.acceptPauseMs = 1;
   return limits;
@@ -260,6 +261,15 @@ TEST_F(FewTest, TurnsAwayProgramsBeyondTheLimit) {
   EXPECT_EQ(broker_.clients(), 2U);
   Peer e = joined();
   EXPECT_TRUE(e.adopted());
+}
+
+TEST_F(FewTest, KeepsAPlaceForTrustedPrograms) {
+  Peer a = joined("a", 0, otherUser);
+  Peer b = joined("b", 0, otherUser);
+  Peer other(broker_, otherUser);
+  EXPECT_FALSE(other.adopted());
+  Peer own = joined("own", 68, brokerUser);
+  EXPECT_TRUE(own.adopted());
 }
 
 // A listening socket that has no name in the file system: the kernel chooses one.

@@ -159,6 +159,21 @@ TEST_F(UnfinishedTest, GivesUpTheOldestWhenTooMuchIsAnnounced) {
   EXPECT_EQ(figure(asker, field::unfinished), 0U);
 }
 
+// What is given up counts no longer, although it is still there until the turn ends.
+TEST_F(UnfinishedTest, GivesUpNoMoreThanItMust) {
+  Peer first = joined();
+  Peer second = joined();
+  Peer third = joined();
+  Peer fourth = joined();
+  for (Peer* peer : {&first, &second, &third})
+    peer->sendBeginning(tn::maxPayloadBytes, 100);
+  fourth.sendBeginning(20, 15);
+  EXPECT_TRUE(first.disconnected());
+  EXPECT_TRUE(second.quiet());
+  EXPECT_TRUE(third.quiet());
+  EXPECT_TRUE(fourth.quiet());
+}
+
 Limits hastyLimits() {
   Limits limits;
   limits.frameMs = 30;
