@@ -111,7 +111,14 @@ void Connection::release() {
     response_.headers.clear();
     layDownWork();
   }
+  closeSocket();
+}
+
+// Of a socket that came back from the TLS service a copy may live on there for a while, so that closing it here does
+// not end its watch.
+void Connection::closeSocket() {
   const int fd = socket_.get();
+  if (request_.ssl) runner_.removeSocket(fd);
   socket_.reset();
   runner_.forgetSocket(fd);
 }

@@ -83,6 +83,7 @@ class Connection {
   void handleEvents(unsigned events);
   void finish();
   void release();
+  void closeSocket();
   void freeIfEnded();
   void runRequestEnd();
   void park();

@@ -20,7 +20,11 @@ class HeadPieces {
     const std::size_t ofHead = std::min(out.sent, head.size());
     add(std::string_view(head).substr(ofHead));
     add(out.text.substr(out.sent - ofHead));
-    if (out.cached) add({out.cached->bytes() + out.fileOffset, out.fileRemaining});
+    if (out.cached && !out.cached->mapped().empty()) {
+      add(out.cached->mapped().substr(static_cast<std::size_t>(out.fileOffset), out.fileRemaining));
+    } else {
+      fileFollows_ = out.fileRemaining != 0 && (out.file || out.cached);
+    }
   }
 
   [[nodiscard]] const msghdr* message() {
@@ -29,6 +33,8 @@ class HeadPieces {
     return &message_;
   }
   [[nodiscard]] std::size_t size() const { return size_; }
+  // Whether the file comes afterwards, by sendfile.
+  [[nodiscard]] bool fileFollows() const { return fileFollows_; }
 
  private:
   void add(std::string_view piece) {
@@ -40,6 +46,7 @@ class HeadPieces {
   std::array<iovec, 3> pieces_{};
   std::size_t count_ = 0;
   std::size_t size_ = 0;
+  bool fileFollows_ = false;
   msghdr message_{};
 };
 
@@ -62,18 +69,17 @@ void Connection::onWritable() {
   onWritten();
 }
 
-// True: head and text have left.
+// True: head and text have left. Neither here nor below does a count short of what was offered tell that the socket is
+// full (a signal or a file cut short end the call early as well): only the failure that does is told the runner.
 bool Connection::writeHead() {
   HeadPieces pieces(buffer_, out_);
   // With a file to follow, the kernel keeps the head back, so that both share their segments.
-  const int more = out_.file && out_.fileRemaining != 0 ? MSG_MORE : 0;
-  const ssize_t count = sendmsg(socket_.get(), pieces.message(), more);
+  const ssize_t count = sendmsg(socket_.get(), pieces.message(), pieces.fileFollows() ? MSG_MORE : 0);
   if (count < 0) {
     onWriteFailed();
     return false;
   }
   const auto written = static_cast<std::size_t>(count);
-  if (written < pieces.size()) runner_.drained(socket_.get(), tn::writable);
   const std::size_t ofHead = std::min(written, buffer_.size() + out_.text.size() - out_.sent);
   out_.sent += ofHead;
   out_.fileOffset += static_cast<off_t>(written - ofHead);
@@ -81,8 +87,7 @@ bool Connection::writeHead() {
   return written == pieces.size();
 }
 
-// True: the file has left. A count short of what was offered does not tell that the socket is full (a signal also ends
-// the call early), so only the failure that does is told the runner.
+// True: the file has left.
 bool Connection::writeFile() {
   const int file = out_.cached ? out_.cached->fd() : out_.file.get();
   const ssize_t count = sendfile(socket_.get(), file, &out_.fileOffset, out_.fileRemaining);
@@ -99,6 +104,7 @@ bool Connection::writeFile() {
 }
 
 void Connection::onWriteFailed() {
+  if (errno == EINTR) return;  // sendfile, before its first byte: the runner calls again
   if (errno == EAGAIN) {
     runner_.drained(socket_.get(), tn::writable);
     return;

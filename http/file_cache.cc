@@ -11,13 +11,25 @@ bool sameTime(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
+// Null: the file is too large to be worth it, or its file system cannot map it.
+void* mapSmall(int fd, off_t size) {
+  if (static_cast<std::uint64_t>(size) > FileCache::maxMappedBytes) return nullptr;
+  void* bytes = mmap(nullptr, static_cast<std::size_t>(size), PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
+  return bytes == MAP_FAILED ? nullptr : bytes;
+}
+
 }  // namespace
 
 CachedFile::CachedFile(UniqueFd fd, const struct stat& status, void* bytes)
     : fd_(std::move(fd)), status_(status), bytes_(bytes), lastModified_(httpDate(status.st_mtim.tv_sec)) {}
 
 CachedFile::~CachedFile() {
-  munmap(bytes_, size());
+  if (bytes_ != nullptr) munmap(bytes_, mapped().size());
+}
+
+std::string_view CachedFile::mapped() const {
+  if (bytes_ == nullptr) return {};
+  return {static_cast<const char*>(bytes_), static_cast<std::size_t>(status_.st_size)};
 }
 
 bool CachedFile::is(const struct stat& status) const {
@@ -42,20 +54,22 @@ std::shared_ptr<const CachedFile> FileCache::find(std::string_view path, const s
 std::shared_ptr<const CachedFile> FileCache::insert(tn::ThinRunner& runner, std::string_view path, UniqueFd& fd,
                                                     const struct stat& status) {
   if (!S_ISREG(status.st_mode) || status.st_size <= 0) return nullptr;
-  if (static_cast<std::uint64_t>(status.st_size) > maxFileBytes) return nullptr;
-  const auto size = static_cast<std::size_t>(status.st_size);
-  void* bytes = mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_POPULATE, fd.get(), 0);
-  if (bytes == MAP_FAILED) return nullptr;
-
   if (const auto old = byPath_.find(path); old != byPath_.end()) drop(old->second);
-  while (!files_.empty() && (files_.size() >= maxFiles || totalBytes_ + size > maxTotalBytes)) {
-    drop(std::prev(files_.end()));
-  }
-  files_.push_front({std::string(path), std::make_shared<const CachedFile>(std::move(fd), status, bytes)});
+  void* bytes = mapSmall(fd.get(), status.st_size);
+  auto file = std::make_shared<const CachedFile>(std::move(fd), status, bytes);
+  makeRoom(file->mapped().size());
+  totalBytes_ += file->mapped().size();
+  files_.push_front({std::string(path), std::move(file)});
   byPath_.emplace(files_.front().path, files_.begin());
-  totalBytes_ += size;
   armSweep(runner);
   return files_.front().file;
+}
+
+// For one more file, with that many bytes mapped.
+void FileCache::makeRoom(std::size_t bytes) {
+  while (!files_.empty() && (files_.size() >= maxFiles || totalBytes_ + bytes > maxTotalBytes)) {
+    drop(std::prev(files_.end()));
+  }
 }
 
 void FileCache::clear() {
@@ -65,7 +79,7 @@ void FileCache::clear() {
 }
 
 void FileCache::drop(Files::iterator entry) {
-  totalBytes_ -= entry->file->size();
+  totalBytes_ -= entry->file->mapped().size();
   byPath_.erase(entry->path);
   files_.erase(entry);
 }

@@ -11,13 +11,14 @@
 #include "platform/bus/thin_runner.h"
 #include "platform/unique_fd.h"
 
-// One small file, open and mapped for reading.
+// One file, open for reading, and a small one mapped as well.
 //
-// The mapping is shared, so it shows the file's bytes as they are now, not as they were; and it holds the inode, so
-// that no other file can take its number. A request that finds by stat(2) the same device, inode, size, mode and times
+// Whoever holds it holds the inode, so that no other file can take its number, and both ways to its bytes show them as
+// they are now, not as they were. A request that finds by stat(2) the same device, inode, size, mode and times
 // therefore gets from here exactly what it would get by opening the file.
 class CachedFile {
  public:
+  // `bytes` is a mapping of the whole file, or null.
   CachedFile(UniqueFd fd, const struct stat& status, void* bytes);
   CachedFile(const CachedFile&) = delete;
   CachedFile& operator=(const CachedFile&) = delete;
@@ -25,10 +26,9 @@ class CachedFile {
 
   [[nodiscard]] int fd() const { return fd_.get(); }
   [[nodiscard]] const struct stat& status() const { return status_; }
-  // Memory of the file's size. Where the file is cut short meanwhile, reading it from here faults (SIGBUS), so it is
-  // only ever handed to the kernel, which answers EFAULT.
-  [[nodiscard]] const char* bytes() const { return static_cast<const char*>(bytes_); }
-  [[nodiscard]] std::size_t size() const { return static_cast<std::size_t>(status_.st_size); }
+  // The whole file in memory; empty when it is not mapped. Where the file is cut short meanwhile, reading it from here
+  // faults (SIGBUS), so it is only ever handed to the kernel, which answers EFAULT.
+  [[nodiscard]] std::string_view mapped() const;
   // Modification time as HTTP date.
   [[nodiscard]] std::string_view lastModified() const { return lastModified_; }
   [[nodiscard]] bool is(const struct stat& status) const;
@@ -40,12 +40,13 @@ class CachedFile {
   std::string lastModified_;
 };
 
-// The small files served lately, by path. What is not asked for during a while is let go, so that a deleted file's
-// space comes back and a file system can be unmounted.
+// The files served lately, by path. What is not asked for during a while is let go, so that a deleted file's space
+// comes back and a file system can be unmounted.
 class FileCache {
  public:
-  static constexpr std::size_t maxFileBytes = 256 * 1024;
-  static constexpr std::size_t maxTotalBytes = 4 * 1024 * 1024;
+  // Up to here one copy by the kernel costs less than the second system call of sendfile, which copies nothing.
+  static constexpr std::size_t maxMappedBytes = 32768;
+  static constexpr std::size_t maxTotalBytes = 4194304;  // mapped
   static constexpr std::size_t maxFiles = 256;
   static constexpr std::uint32_t sweepMs = 10000;  // what is unused between two sweeps is let go
 
@@ -53,8 +54,8 @@ class FileCache {
   // held, or it was another one, which is let go.
   [[nodiscard]] std::shared_ptr<const CachedFile> find(std::string_view path, const struct stat& status);
 
-  // Maps an open file; `status` is fstat's word on it. Null, and `fd` is left alone: it is no regular file, empty, too
-  // large, or cannot be mapped. The runner drives the sweeps.
+  // Takes an open file; `status` is fstat's word on it. Null, and `fd` is left alone: it is no regular file, or by its
+  // own word empty. The runner drives the sweeps.
   [[nodiscard]] std::shared_ptr<const CachedFile> insert(tn::ThinRunner& runner, std::string_view path, UniqueFd& fd,
                                                          const struct stat& status);
 
@@ -62,7 +63,7 @@ class FileCache {
   void clear();
 
   [[nodiscard]] std::size_t fileCount() const { return files_.size(); }
-  [[nodiscard]] std::size_t totalBytes() const { return totalBytes_; }
+  [[nodiscard]] std::size_t totalBytes() const { return totalBytes_; }  // mapped
 
  private:
   struct Entry {
@@ -73,6 +74,7 @@ class FileCache {
   using Files = std::list<Entry>;
 
   void drop(Files::iterator entry);
+  void makeRoom(std::size_t bytes);
   void armSweep(tn::ThinRunner& runner);
   void sweep();
 

@@ -251,6 +251,16 @@ TEST_F(ConnectionLifeTest, CanBeClosedBeforeItsFirstRequest) {
   EXPECT_TRUE(peer.ended());
 }
 
+TEST_F(ConnectionLifeTest, TheWatchOfASocketThatMayHaveACopyEndsBeforeItIsClosed) {
+  open(true);
+  const UniqueFd copy(dup(fd));
+  connection->close();
+  EXPECT_FALSE(live());
+  EXPECT_FALSE(runner.watched(fd));
+  EXPECT_EQ(runner.calls[runner.calls.size() - 2],
+            (tn::fakes::FakeRunner::Call{tn::fakes::FakeRunner::Operation::remove, fd, 0, true}));
+}
+
 TEST_F(ConnectionLifeTest, AllConnectionsCanBeEndedInAnyState) {
   int ended = 0;
   open();

@@ -52,15 +52,27 @@ class ConnectionWriteTest : public ConnectionTest {
   Way way = Way::plain;
 };
 
-class FileWayTest : public ConnectionWriteTest, public testing::WithParamInterface<Way> {
+struct FileWay {
+  const char* name;
+  Way way;
+  std::size_t size;
+};
+
+class FileWayTest : public ConnectionWriteTest, public testing::WithParamInterface<FileWay> {
  protected:
   void SetUp() override {
     ConnectionWriteTest::SetUp();
-    way = GetParam();
+    way = GetParam().way;
   }
+
+  const std::size_t size = GetParam().size;
 };
 
-INSTANTIATE_TEST_SUITE_P(Both, FileWayTest, testing::Values(Way::plain, Way::cached));
+// A small cached file is mapped, a large one is not.
+INSTANTIATE_TEST_SUITE_P(All, FileWayTest,
+                         testing::Values(FileWay{"plain", Way::plain, 200000}, FileWay{"cached", Way::cached, 200000},
+                                         FileWay{"mapped", Way::cached, 30000}),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_P(FileWayTest, SendsAFileAgainAndAgain) {
   const std::string bytes = sampleBytes(12000);
@@ -77,32 +89,31 @@ TEST_P(FileWayTest, SendsAFileAgainAndAgain) {
 
 TEST_P(FileWayTest, SendsFilesOfEverySize) {
   open();
-  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{4096}, std::size_t{4097},
-                                 FileCache::maxFileBytes, FileCache::maxFileBytes + 1, std::size_t{3000000}}) {
-    const std::string bytes = sampleBytes(size);
+  for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{4096}, std::size_t{4097},
+                                   FileCache::maxMappedBytes, FileCache::maxMappedBytes + 1, std::size_t{3000000}}) {
+    const std::string bytes = sampleBytes(length);
     dir.write("file", bytes);
     peer.send(get);
     const Answer answer = parseAnswer(receiveSlowly(SIZE_MAX));
-    EXPECT_EQ(answer.field("content-length"), std::to_string(size));
-    ASSERT_TRUE(answer.body == bytes) << size;
+    EXPECT_EQ(answer.field("content-length"), std::to_string(length));
+    ASSERT_TRUE(answer.body == bytes) << length;
     EXPECT_EQ(connection->state(), State::readRequestLine);
   }
 }
 
 TEST_P(FileWayTest, SendsToASlowReader) {
-  for (const std::size_t size : {std::size_t{200000}, std::size_t{1} << 20}) {
-    const std::string bytes = sampleBytes(size);
-    dir.write("file", bytes);
-    openNarrow();
+  const std::string bytes = sampleBytes(size);
+  dir.write("file", bytes);
+  openNarrow();
+  for (int i = 0; i < 2; ++i) {
     peer.send(get);
     EXPECT_TRUE(parseAnswer(receiveSlowly(777)).body == bytes);
     EXPECT_EQ(connection->state(), State::readRequestLine);
-    endAllConnections();
   }
 }
 
 TEST_P(FileWayTest, ASlowReaderHoldsNobodyElse) {
-  dir.write("file", sampleBytes(200000));
+  dir.write("file", sampleBytes(size));
   openNarrow();
   peer.send(get);
   turn();  // returns, so nothing waits
@@ -111,12 +122,12 @@ TEST_P(FileWayTest, ASlowReaderHoldsNobodyElse) {
   Connection* const slowConnection = connection;
   open();
   peer.send(get);
-  EXPECT_EQ(parseAnswer(receiveSlowly(SIZE_MAX)).body.size(), 200000U);
+  EXPECT_EQ(parseAnswer(receiveSlowly(SIZE_MAX)).body.size(), size);
   EXPECT_EQ(slowConnection->state(), State::writing);
 }
 
 TEST_P(FileWayTest, AReaderThatStopsIsClosedAfterTwoSeconds) {
-  dir.write("file", sampleBytes(200000));
+  dir.write("file", sampleBytes(size));
   openNarrow();
   peer.send(get);
   turn();
@@ -127,30 +138,30 @@ TEST_P(FileWayTest, AReaderThatStopsIsClosedAfterTwoSeconds) {
 }
 
 TEST_P(FileWayTest, AFileCutShortMeanwhileEndsTheConnection) {
-  for (const std::size_t left : {std::size_t{0}, std::size_t{100000}, std::size_t{199999}}) {
+  for (const std::size_t left : {std::size_t{0}, size / 2, size - 1}) {
     captureErrors();
-    dir.write("file", sampleBytes(200000));
+    dir.write("file", sampleBytes(size));
     openNarrow();
     peer.send(get);
     turn();
     ASSERT_EQ(truncate(file.c_str(), static_cast<off_t>(left)), 0);
     const Answer answer = parseAnswer(receiveSlowly(SIZE_MAX));
-    EXPECT_LT(answer.body.size(), 200000U);
+    EXPECT_LT(answer.body.size(), size);
     EXPECT_FALSE(live());
     EXPECT_EQ(takeErrors(), "");
   }
 }
 
 TEST_P(FileWayTest, AFileReplacedMeanwhileIsSentAsItWas) {
-  const std::string bytes = sampleBytes(200000);
+  const std::string bytes = sampleBytes(size);
   dir.write("file", bytes);
   openNarrow();
   peer.send(get);
   turn();
-  dir.replace("file", std::string(200000, 'n'));
+  dir.replace("file", std::string(size, 'n'));
   EXPECT_TRUE(parseAnswer(receiveSlowly(SIZE_MAX)).body == bytes);
   peer.send(get);
-  EXPECT_TRUE(parseAnswer(receiveSlowly(SIZE_MAX)).body == std::string(200000, 'n'));
+  EXPECT_TRUE(parseAnswer(receiveSlowly(SIZE_MAX)).body == std::string(size, 'n'));
 }
 
 TEST_P(FileWayTest, HeadOfAFileEndsTheConnectionAfterTheHead) {
@@ -176,16 +187,16 @@ TEST_P(FileWayTest, HeadOfAnEmptyFileKeepsTheConnection) {
 }
 
 TEST_P(FileWayTest, SendsThePartThatIsAskedFor) {
-  const std::string bytes = sampleBytes(200000);
+  const std::string bytes = sampleBytes(size);
   dir.write("file", bytes);
   openNarrow();
-  for (const auto& [range, first, size] : std::vector<std::tuple<std::string, std::size_t, std::size_t>>{
-           {"0-99", 0, 100}, {"-100", 199900, 100}, {"4097-190000", 4097, 185904}, {"-0", 200000, 0}}) {
+  for (const auto& [range, first, length] : std::vector<std::tuple<std::string, std::size_t, std::size_t>>{
+           {"0-99", 0, 100}, {"-100", size - 100, 100}, {"4097-29000", 4097, 24904}, {"-0", size, 0}}) {
     peer.send("GET / HTTP/1.1\r\nRange: bytes=" + range + "\r\n\r\n");
     const Answer answer = parseAnswer(receiveSlowly(5000));
     EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(answer.field("content-length"), std::to_string(size));
-    EXPECT_TRUE(answer.body == bytes.substr(first, size)) << range;
+    EXPECT_EQ(answer.field("content-length"), std::to_string(length));
+    EXPECT_TRUE(answer.body == bytes.substr(first, length)) << range;
   }
   EXPECT_EQ(connection->state(), State::readRequestLine);
 }
@@ -208,7 +219,7 @@ TEST_P(FileWayTest, HoldsNoDescriptorOfAFileThatWasSent) {
 
 TEST_P(FileWayTest, EndsWhenThePeerGoesAwayDuringTheFile) {
   captureErrors();
-  dir.write("file", sampleBytes(200000));
+  dir.write("file", sampleBytes(size));
   openNarrow();
   peer.send(get);
   turn();
@@ -221,7 +232,7 @@ TEST_P(FileWayTest, EndsWhenThePeerGoesAwayDuringTheFile) {
 TEST_F(ConnectionWriteTest, AMappedFileCutShortBeforeTheFirstWriteEndsTheConnection) {
   captureErrors();
   way = Way::cached;
-  dir.write("file", sampleBytes(200000));
+  dir.write("file", sampleBytes(20000));
   open();
   peer.send(get);
   EXPECT_TRUE(runner.ready(fd, tn::readable));
@@ -230,7 +241,7 @@ TEST_F(ConnectionWriteTest, AMappedFileCutShortBeforeTheFirstWriteEndsTheConnect
   turn();
   EXPECT_FALSE(live());
   EXPECT_LT(peer.receive().size(), 1000U);
-  EXPECT_LE(takeErrors(), "write: Bad address\n");
+  EXPECT_EQ(takeErrors(), "write: Bad address\n");
 }
 
 TEST_F(ConnectionWriteTest, SendsATextToASlowReader) {

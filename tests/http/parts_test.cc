@@ -22,6 +22,11 @@ TEST(DateTextTest, FollowsTheSecond) {
   }
 }
 
+TEST(DateTextTest, TellsATimeThatHasNoDate) {
+  DateText text;
+  EXPECT_EQ(text.at(INT64_MAX), "0");
+}
+
 TEST(DateTextTest, TellsTheSameTextWithoutMakingItAnew) {
   DateText text;
   const char* const first = text.at(784111777).data();

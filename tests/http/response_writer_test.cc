@@ -276,7 +276,7 @@ TEST_F(ResponseWriterTest, UsesTheCacheForAFileKnownFromThisRequest) {
   EXPECT_FALSE(out.file);
   const Answer second = build();
   EXPECT_TRUE(out.cached);
-  EXPECT_EQ(std::string(out.cached->bytes(), 8), "contents");
+  EXPECT_EQ(out.cached->mapped(), "contents");
   EXPECT_EQ(first.names, second.names);
   EXPECT_EQ(first.field("last-modified"), second.field("last-modified"));
 }

@@ -1,0 +1,167 @@
+// Connections under the real runner: what the kernel announces once must neither be missed nor asked for without end.
+#include <csignal>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/stat.h>
+
+#include "http/connection.h"
+#include "http/file_facts.h"
+#include "platform/bus/epoll_runner.h"
+#include "tests/http/connection_fixture.h"
+
+namespace {
+
+class ConnectionEpollTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    signal(SIGPIPE, SIG_IGN);
+    file_ = dir_.write("file", bytes_);
+    site_.servlets = {&fileServlet_, &postServlet_, &parkedServlet_};
+  }
+  void TearDown() override {
+    peer.close();
+    endAllConnections();
+    EXPECT_EQ(openConnections, 0U);
+  }
+
+  void open() {
+    UniqueFd listener(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(listen(listener.get(), 1), 0);
+    sockaddr_in6 address{};
+    socklen_t length = sizeof address;
+    ASSERT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+    UniqueFd client(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(::connect(client.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+    UniqueFd server(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    const int fd = server.get();
+    peer = Peer(std::move(client));
+    Connection& made = createConnection(site_, std::move(server), false, false, runner);
+    ASSERT_TRUE(runner.addNonBlocking(fd, tn::readable,
+                                      [&made](int socket, unsigned events) { made.onSocketEvent(socket, events); }));
+    made.beginRequest();
+  }
+
+  // Turns of the loop while nothing happens for a while: each is a wait that ended.
+  int turnsAtRest() {
+    int turns = 0;
+    bool over = false;
+    runner.addTimer(50, [&over] { over = true; });
+    for (; !over; ++turns) {
+      if (!runner.turn(true)) ADD_FAILURE();
+    }
+    return turns;
+  }
+  // The response that begins with `all`, once `size` bytes of its body have come.
+  Answer receive(std::size_t size, std::string all = {}) {
+    std::size_t need = std::string::npos;
+    for (int i = 0; i < 1000000; ++i) {
+      if (need == std::string::npos) {
+        if (const std::size_t end = all.find("\r\n\r\n"); end != std::string::npos) need = end + 4 + size;
+      }
+      if (all.size() >= need) return parseAnswer(all);
+      if (!runner.turn(false)) ADD_FAILURE();
+      all += peer.receive();
+    }
+    ADD_FAILURE() << "nothing more comes after " << all.size() << " bytes";
+    return {};
+  }
+
+  static constexpr int fewTurns = 10;
+
+  tn::EpollRunner runner;
+  Peer peer;
+  bool cached_ = false;
+  Response* parked = nullptr;
+  std::string body;
+
+ private:
+  ScratchDir dir_;
+  Site site_;
+
+ protected:
+  const std::string bytes_ = sampleBytes(8 << 20);
+
+ private:
+  std::string file_;
+  ScriptedServlet fileServlet_{"/file", [this](Request&, Response& response) {
+                                 struct stat status {};
+                                 if (cached_ && stat(file_.c_str(), &status) == 0) rememberFile(file_, status);
+                                 response.sendFile(file_, "", false);
+                               }};
+  ScriptedServlet postServlet_{"/post", [this](Request& request, Response& response) {
+                                 request.bodyChunk = 0;
+                                 request.bodyConsumer = [this, &response](std::string_view piece, bool last) {
+                                   body += piece;
+                                   if (last) response.send("thanks");
+                                 };
+                               }};
+  ScriptedServlet parkedServlet_{"/parked", [this](Request&, Response& response) { parked = &response; }};
+};
+
+TEST_F(ConnectionEpollTest, SendsALargeFileAgainAndAgain) {
+  for (const bool cached : {false, true}) {
+    cached_ = cached;
+    open();
+    for (int i = 0; i < 3; ++i) {
+      peer.send("GET /file HTTP/1.1\r\n\r\n");
+      EXPECT_TRUE(receive(bytes_.size()).body == bytes_);
+    }
+    peer.close();
+    endAllConnections();
+  }
+}
+
+TEST_F(ConnectionEpollTest, WaitsForASlowReaderWithoutTurning) {
+  open();
+  peer.send("GET /file HTTP/1.1\r\n\r\n");
+  turnsAtRest();
+  EXPECT_LT(turnsAtRest(), fewTurns);
+  const std::string part = peer.receive(100000);
+  EXPECT_EQ(part.size(), 100000U);
+  turnsAtRest();
+  EXPECT_LT(turnsAtRest(), fewTurns);
+  EXPECT_TRUE(receive(bytes_.size(), part).body == bytes_);
+}
+
+TEST_F(ConnectionEpollTest, RestsWhileNothingComes) {
+  open();
+  EXPECT_LT(turnsAtRest(), fewTurns);
+  peer.send("GET /fi");
+  EXPECT_LT(turnsAtRest(), fewTurns);
+  peer.send("le HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(receive(bytes_.size()).body == bytes_);
+  EXPECT_LT(turnsAtRest(), fewTurns);
+  peer.send("GET /parked HTTP/1.1\r\n\r\n");
+  EXPECT_LT(turnsAtRest(), fewTurns);
+  ASSERT_NE(parked, nullptr);
+  parked->send("late");
+  const auto complete = std::move(parked->onComplete);
+  complete();
+  EXPECT_EQ(receive(4).body, "late");
+}
+
+TEST_F(ConnectionEpollTest, TakesABodyOfAnySize) {
+  open();
+  for (const std::size_t size : {std::size_t{1}, std::size_t{100}, std::size_t{512}, std::size_t{4096},
+                                 std::size_t{4097}, std::size_t{200000}}) {
+    body.clear();
+    const std::string sent = sampleBytes(size);
+    peer.send("POST /post HTTP/1.1\r\nContent-Length: " + std::to_string(size) + "\r\n\r\n" + sent);
+    EXPECT_EQ(receive(6).body, "thanks") << size;
+    EXPECT_TRUE(body == sent) << size;
+  }
+}
+
+TEST_F(ConnectionEpollTest, NoticesAnEndThatComesWithTheLastBytes) {
+  for (const char* text :
+       {"", "GET /fi", "POST /post HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc", "POST /post HTTP/1.1\r\n\r\nabc"}) {
+    open();
+    if (*text != '\0') peer.send(text);
+    peer.endSending();
+    for (int i = 0; i < fewTurns && openConnections != 0; ++i)
+      EXPECT_TRUE(runner.turn(false));
+    EXPECT_EQ(openConnections, 0U) << text;
+  }
+}
+
+}  // namespace
