@@ -42,38 +42,38 @@ install_packages() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "$@"
 }
 
+# The command that quietly() runs now, the leader of a process group of its own.
+worker=''
+
+# A script that is told to end takes the command that it runs along.
+end_worker() { [ -z "$worker" ] || kill -TERM -- "-$worker" 2>/dev/null; }
+trap 'end_worker; exit 130' INT TERM HUP
+
 # quietly NAME LABEL COMMAND...: runs a command with its output in build/log/NAME.log. A terminal is shown what goes on;
 # a command that fails has the end of its log shown.
 quietly() {
-  local log=$logs/$1.log label=$2 painter='' status
+  local log=$logs/$1.log label=$2 began=$SECONDS status
   shift 2
   mkdir -p "$logs"
-  : >"$log"
+  set -m
+  "$@" >"$log" 2>&1 </dev/null &
+  worker=$!
+  set +m
   if [ -t 2 ]; then
-    paint "$log" "$label" &
-    painter=$!
-  fi
-  "$@" >"$log" 2>&1 </dev/null
-  status=$?
-  if [ -n "$painter" ]; then
-    kill "$painter"
-    wait "$painter" 2>/dev/null
+    while kill -0 "$worker" 2>/dev/null; do
+      printf '\r\033[K%s (%d s) %s' "$label" $((SECONDS - began)) "$(last_step "$log")" >&2
+      sleep 0.3
+    done
     printf '\r\033[K' >&2
   fi
+  wait "$worker"
+  status=$?
+  worker=''
   if [ "$status" -ne 0 ]; then
     say "$label failed; the end of $log:"
     tail -n 40 "$log" | sed 's/^/    /' >&2
   fi
   return "$status"
-}
-
-# Keeps one line of the terminal up to date for as long as the script lives.
-paint() {
-  local began=$SECONDS
-  while kill -0 $$ 2>/dev/null; do
-    printf '\r\033[K%s (%d s) %s' "$2" $((SECONDS - began)) "$(last_step "$1")" >&2
-    sleep 0.5
-  done
 }
 
 # The step counter that a build printed last, such as [12/80].
