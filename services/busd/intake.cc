@@ -81,7 +81,7 @@ Intake::Step Intake::next(Frame& frame) {
   frame.length = frameHeaderBytes + frame.header.length;
   if (cursor_ == marked_) {
     frame.descriptor = std::move(arrivedDescriptor_);
-    frame.descriptorLost = arrivedDescriptorLost_;
+    frame.descriptorLost = std::exchange(arrivedDescriptorLost_, false);
   } else if (cursor_ < fresh_) {
     frame.descriptor = std::move(heldDescriptor_);
     frame.descriptorLost = std::exchange(heldDescriptorLost_, false);
