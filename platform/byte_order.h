@@ -1,7 +1,7 @@
 #pragma once
 
-// Loads and stores of numbers in a fixed byte order. This is the only place of the system that knows byte order: no other
-// code casts bytes to numbers, so neither the host's order nor alignment matters anywhere.
+// Loads and stores of numbers in a fixed byte order. This is the only place of the system that knows byte order: no
+// other code casts bytes to numbers, so neither the host's order nor alignment matters anywhere.
 //
 // Every function needs as many bytes at `p` as its name says; the caller has checked that.
 

@@ -1,14 +1,13 @@
 #include "platform/log.h"
 
-#include <limits.h>
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <limits.h>
+#include <poll.h>
+#include <unistd.h>
 
 namespace {
 
@@ -42,10 +41,12 @@ void appendText(std::string_view text) {
 
 bool appendLine(const std::string_view* pieces, std::uint32_t count) {
   std::size_t need = 1;
-  for (std::uint32_t i = 0; i < count; ++i) need += pieces[i].size();
+  for (std::uint32_t i = 0; i < count; ++i)
+    need += pieces[i].size();
   LogBuffer& log = buffer();
   if (bufferSize - log.used < need) return false;
-  for (std::uint32_t i = 0; i < count; ++i) appendText(pieces[i]);
+  for (std::uint32_t i = 0; i < count; ++i)
+    appendText(pieces[i]);
   log.bytes[log.used++] = '\n';
   return true;
 }

@@ -43,7 +43,9 @@ class NumberText {
 };
 
 // How the log writes a boolean: "1" or "0".
-[[nodiscard]] constexpr std::string_view boolText(bool value) { return value ? "1" : "0"; }
+[[nodiscard]] constexpr std::string_view boolText(bool value) {
+  return value ? "1" : "0";
+}
 
 template <typename... Pieces>
 void logLine(const Pieces&... pieces) {

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <cerrno>
+#include <unistd.h>
 #include <utility>
 
 // Owns one file descriptor and closes it at the end of its life; -1 is "none".
