@@ -54,7 +54,8 @@ using raw_array_id = FieldId<FieldType::rawArray>;
 // The 16 bytes of an IPv6 address in network order; IPv4 addresses stand in it as ::ffff:a.b.c.d.
 using Addr6 = std::array<std::uint8_t, 16>;
 
-// Header fields of the bus itself. The library owns those from `requestNumber` down: what a caller left there is replaced.
+// Header fields of the bus itself. The library owns those from `requestNumber` down: what a caller left there is
+// replaced.
 namespace field {
 inline constexpr u32_array_id destination{0xff0001};
 inline constexpr u32_array_id sender{0xff0002};
