@@ -7,8 +7,8 @@
 #include <sys/uio.h>
 
 #include "platform/bus/frame.h"
-#include "platform/unique_fd.h"
 #include "services/busd/bytes.h"
+#include "services/busd/passed_fd.h"
 #include "services/busd/wire.h"
 
 namespace busd {
@@ -18,7 +18,7 @@ struct Frame {
   std::uint8_t* bytes = nullptr;  // header and payload; whoever holds the frame may rewrite the header in place
   std::size_t length = 0;         // of both
   tn::FrameHeader header{};
-  UniqueFd descriptor;
+  PassedFd descriptor;
   bool descriptorLost = false;  // one was sent with it and could not be received
   Bytes own;                    // not empty: what `bytes` points to
 
@@ -84,8 +84,8 @@ class Intake {
 
   Bytes held_;              // the beginning of an unfinished frame
   std::size_t filled_ = 0;  // bytes of it that are there
-  UniqueFd heldDescriptor_;
-  UniqueFd arrivedDescriptor_;
+  PassedFd heldDescriptor_;
+  PassedFd arrivedDescriptor_;
   // The space of the current read: carried-over bytes up to fresh_, then new ones; handed on up to cursor_.
   std::uint8_t* begin_ = nullptr;
   std::uint8_t* fresh_ = nullptr;

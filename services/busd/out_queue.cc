@@ -29,7 +29,7 @@ bool OutQueue::append(std::span<const std::uint8_t> bytes) {
     const std::size_t wanted = std::clamp(bytes_, smallestChunk, largestChunk);
     Bytes block = Bytes::tryMake(std::max(wanted, bytes.size()));
     if (!block) return false;
-    add({std::move(block), 0, 0, UniqueFd()});
+    add({std::move(block), 0, 0, PassedFd()});
     last = &chunks_.back();
   }
   std::memcpy(last->block.data() + last->end, bytes.data(), bytes.size());
@@ -38,7 +38,7 @@ bool OutQueue::append(std::span<const std::uint8_t> bytes) {
   return true;
 }
 
-bool OutQueue::append(std::span<const std::uint8_t> bytes, UniqueFd descriptor) {
+bool OutQueue::append(std::span<const std::uint8_t> bytes, PassedFd descriptor) {
   Bytes block = Bytes::tryMake(bytes.size());
   if (!block) return false;
   std::memcpy(block.data(), bytes.data(), bytes.size());
@@ -46,7 +46,7 @@ bool OutQueue::append(std::span<const std::uint8_t> bytes, UniqueFd descriptor) 
   return true;
 }
 
-void OutQueue::append(Bytes block, std::size_t begin, UniqueFd descriptor) {
+void OutQueue::append(Bytes block, std::size_t begin, PassedFd descriptor) {
   const std::size_t end = block.size();
   add({std::move(block), begin, end, std::move(descriptor)});
 }
@@ -67,7 +67,7 @@ bool OutQueue::send(int socket) {
     const Sent sent = sendParts(socket, std::span(parts).first(count), descriptor);
     if (!sent.ok && sent.error == SendError::descriptorRefused) {
       // The frame goes without it; its receiver answers a missing descriptor.
-      chunks_[head_].descriptor.reset();
+      chunks_[head_].descriptor.drop();
       --descriptors_;
       continue;
     }
@@ -84,7 +84,7 @@ void OutQueue::consume(std::size_t bytes) {
   while (bytes > 0) {
     Chunk& chunk = chunks_[head_];
     if (chunk.descriptor) {
-      chunk.descriptor.reset();
+      chunk.descriptor.delivered();
       --descriptors_;
     }
     const std::size_t taken = std::min(bytes, chunk.end - chunk.begin);

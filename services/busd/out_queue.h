@@ -5,8 +5,8 @@
 #include <span>
 #include <vector>
 
-#include "platform/unique_fd.h"
 #include "services/busd/bytes.h"
+#include "services/busd/passed_fd.h"
 
 namespace busd {
 
@@ -28,9 +28,9 @@ class OutQueue {
   [[nodiscard]] bool append(std::span<const std::uint8_t> bytes);
   // The same for bytes whose first one carries a descriptor; none takes no descriptor. The descriptor is taken in any
   // case.
-  [[nodiscard]] bool append(std::span<const std::uint8_t> bytes, UniqueFd descriptor);
+  [[nodiscard]] bool append(std::span<const std::uint8_t> bytes, PassedFd descriptor);
   // Takes a block over without a copy, from `begin` to its end.
-  void append(Bytes block, std::size_t begin, UniqueFd descriptor);
+  void append(Bytes block, std::size_t begin, PassedFd descriptor);
 
   // Writes until the queue is empty or the socket takes no more. False: the peer is gone.
   [[nodiscard]] bool send(int socket);
@@ -40,7 +40,7 @@ class OutQueue {
     Bytes block;
     std::size_t begin;
     std::size_t end;
-    UniqueFd descriptor;
+    PassedFd descriptor;
   };
   static constexpr std::size_t smallestChunk = 2048;
   static constexpr std::size_t largestChunk = 65536;

@@ -48,7 +48,7 @@ void Router::route(Client& from, Frame& frame) {
 }
 
 void Router::routeToGroup(Client& from, Frame& frame) {
-  frame.descriptor.reset();
+  frame.descriptor.drop();
   const auto members = directory_.members(frame.header.peer);
   rewriteHeader(frame, from.id, FrameKind::message);
   for (Client* const member : members) {
@@ -97,7 +97,7 @@ void Router::sendAlone(Client& to, Frame& frame, Undeliverable otherwise) {
       return;
     }
   }
-  if (sent > 0) frame.descriptor.reset();
+  if (sent > 0) frame.descriptor.delivered();
   if (sent == frame.length) return;
   if (!queueAlone(to, frame, sent)) refuse(to, frame, otherwise);
 }
@@ -120,7 +120,7 @@ bool Router::queueAlone(Client& to, Frame& frame, std::size_t sent) {
 // `frame` was stamped with its sender and is not delivered to `unreached`.
 void Router::refuse(Client& unreached, Frame& frame, Undeliverable otherwise) {
   unreached.delivered.remove(frame.length);
-  frame.descriptor.reset();
+  frame.descriptor.drop();
   Client* const from = otherwise == Undeliverable::bounce ? directory_.find(frame.header.peer) : nullptr;
   if (from == nullptr || from->state == Client::State::gone) {
     ++totals_.dropped;
@@ -130,7 +130,7 @@ void Router::refuse(Client& unreached, Frame& frame, Undeliverable otherwise) {
 }
 
 void Router::bounce(Client& from, Frame& frame, std::uint32_t unreached) {
-  frame.descriptor.reset();
+  frame.descriptor.drop();
   rewriteHeader(frame, unreached, FrameKind::bounced);
   ++totals_.bounced;
   ++from.bounced;

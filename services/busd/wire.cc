@@ -13,7 +13,7 @@ constexpr std::size_t controlBytes = CMSG_SPACE(2 * sizeof(int));
 
 // Takes every descriptor out of the control data; the first is kept, the others are closed. Returns how many there
 // were.
-std::size_t takeDescriptors(msghdr& header, UniqueFd& kept) {
+std::size_t takeDescriptors(msghdr& header, PassedFd& kept) {
   std::size_t count = 0;
   for (cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr; part = CMSG_NXTHDR(&header, part)) {
     if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
@@ -21,7 +21,7 @@ std::size_t takeDescriptors(msghdr& header, UniqueFd& kept) {
     for (std::size_t i = 0; i < here; ++i) {
       int number = -1;
       std::memcpy(&number, CMSG_DATA(part) + i * sizeof(int), sizeof number);
-      UniqueFd descriptor(number);
+      PassedFd descriptor{UniqueFd(number)};
       if (count++ == 0) kept = std::move(descriptor);
     }
   }
@@ -32,7 +32,7 @@ void noteDescriptors(msghdr& header, Received& received) {
   const std::size_t count = takeDescriptors(header, received.descriptor);
   const bool cut = (header.msg_flags & MSG_CTRUNC) != 0;
   if (count > 1 || (count == 1 && cut)) {
-    received.descriptor.reset();
+    received.descriptor.drop();
     received.passed = Received::Descriptor::several;
   } else if (count == 1) {
     received.passed = Received::Descriptor::one;

@@ -5,7 +5,7 @@
 #include <span>
 #include <sys/uio.h>
 
-#include "platform/unique_fd.h"
+#include "services/busd/passed_fd.h"
 
 namespace busd {
 
@@ -26,7 +26,7 @@ struct Received {
   Outcome outcome = Outcome::nothing;
   Descriptor passed = Descriptor::none;
   std::size_t count = 0;
-  UniqueFd descriptor;
+  PassedFd descriptor;
 };
 
 // The kernel ends a receive behind the piece of the stream that brought a descriptor: after Descriptor other than none

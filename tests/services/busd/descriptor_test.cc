@@ -232,6 +232,24 @@ TEST_F(DescriptorTest, AreClosedWithTheQueueOfAProgramThatLeaves) {
   EXPECT_TRUE(allClosed());
 }
 
+// A socket that lingers, whose last close would wait until its peer reads. The copy that stays here tells what became
+// of it.
+TEST_F(DescriptorTest, DoesNotLingerWhenItIsClosedUndelivered) {
+  Peer from = joined();
+  Peer to = joined();
+  for (const bool delivered : {false, true}) {
+    const UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const linger longest{1, 3600};
+    ASSERT_EQ(setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &longest, sizeof longest), 0);
+    from.sendWithDescriptor(frameOf(delivered ? to.id() : 68, tn::FrameKind::message, bytesOf("x")), socket.get());
+    const Delivered got = delivered ? to.expectFrame() : from.expectFrame();
+    linger now{};
+    socklen_t size = sizeof now;
+    ASSERT_EQ(getsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &now, &size), 0);
+    EXPECT_EQ(now.l_onoff != 0, delivered);
+  }
+}
+
 TEST_F(DescriptorTest, NeverLeak) {
   const std::size_t before = openDescriptors();
   {

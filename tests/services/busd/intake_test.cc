@@ -27,8 +27,8 @@ Payload operator+(Payload a, const Payload& b) {
   return a;
 }
 
-UniqueFd someDescriptor() {
-  return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+PassedFd someDescriptor() {
+  return PassedFd(UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC)));
 }
 
 bool isOpen(int fd) {
@@ -45,7 +45,7 @@ class Feeder {
   enum class Result { good, broken, misplacedDescriptor };
 
   // Takes as much of `bytes` as one receive takes.
-  Result feed(std::span<const std::uint8_t>& bytes, UniqueFd descriptor = UniqueFd(),
+  Result feed(std::span<const std::uint8_t>& bytes, PassedFd descriptor = PassedFd(),
               Received::Descriptor passed = Received::Descriptor::none) {
     const Intake::Room room = intake.prepare(space_);
     Received received;
@@ -91,7 +91,7 @@ class Feeder {
   Intake intake;
   Intake::Rest rest = Intake::Rest::none;
   std::vector<Payload> frames;
-  std::vector<UniqueFd> descriptors;
+  std::vector<PassedFd> descriptors;
   std::vector<bool> lost;
   std::vector<bool> own;
 
@@ -257,14 +257,14 @@ TEST(Intake, RefusesSeveralDescriptors) {
   Feeder feeder;
   const Payload frame = frameOf(1, 0, 4);
   std::span<const std::uint8_t> bytes = frame;
-  EXPECT_EQ(feeder.feed(bytes, UniqueFd(), Received::Descriptor::several), Result::misplacedDescriptor);
+  EXPECT_EQ(feeder.feed(bytes, PassedFd(), Received::Descriptor::several), Result::misplacedDescriptor);
 }
 
 TEST(Intake, MarksTheFrameWhoseDescriptorWasLost) {
   Feeder feeder;
   const Payload stream = frameOf(1, 0, 4) + frameOf(2, 0, 4);
   std::span<const std::uint8_t> first = std::span(stream).first(20);
-  EXPECT_EQ(feeder.feed(first, UniqueFd(), Received::Descriptor::lost), Result::good);
+  EXPECT_EQ(feeder.feed(first, PassedFd(), Received::Descriptor::lost), Result::good);
   EXPECT_EQ(feeder.feedAll(Payload(stream.begin() + 20, stream.end()), 100), Result::good);
   EXPECT_EQ(feeder.feedAll(frameOf(3, 0, 4), 100), Result::good);
   EXPECT_EQ(feeder.lost, (std::vector{false, true, false}));
@@ -276,7 +276,7 @@ TEST(Intake, ClosesADescriptorThatIsNeverHandedOn) {
     Feeder feeder;
     const Payload frame = frameOf(1, 0, 50);
     std::span<const std::uint8_t> begun = std::span(frame).first(13);
-    UniqueFd descriptor = someDescriptor();
+    PassedFd descriptor = someDescriptor();
     number = descriptor.get();
     EXPECT_EQ(feeder.feed(begun, std::move(descriptor)), Result::good);
     EXPECT_TRUE(isOpen(number));

@@ -38,7 +38,7 @@ class OutQueueTest : public testing::Test {
     }
     return all;
   }
-  static UniqueFd someDescriptor() { return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+  static PassedFd someDescriptor() { return PassedFd(UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC))); }
 
   UniqueFd near_;
   UniqueFd far_;
@@ -67,7 +67,7 @@ TEST_F(OutQueueTest, GoesOnWhereTheSocketWasFull) {
     expected[i] = static_cast<std::uint8_t>(i * 7 / 5);
   Bytes block = Bytes::tryMake(1U << 20);
   std::memcpy(block.data(), expected.data(), block.size());
-  queue_.append(std::move(block), 100, UniqueFd());
+  queue_.append(std::move(block), 100, PassedFd());
   ASSERT_TRUE(queue_.append(std::span(expected).subspan(1U << 20)));
   EXPECT_EQ(queue_.bytes(), expected.size() - 100);
   Payload got;
@@ -120,7 +120,7 @@ TEST_F(OutQueueTest, SendsADescriptorWithItsOwnBytesAlone) {
 }
 
 TEST_F(OutQueueTest, ClosesWhatItDoesNotSend) {
-  UniqueFd descriptor = someDescriptor();
+  PassedFd descriptor = someDescriptor();
   const int number = descriptor.get();
   {
     OutQueue queue(total_);

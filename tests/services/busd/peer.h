@@ -44,7 +44,7 @@ struct Delivered {
   std::uint32_t peer;
   tn::FrameKind kind;
   Payload payload;
-  UniqueFd descriptor;
+  PassedFd descriptor;
 
   [[nodiscard]] std::string text() const { return {payload.begin(), payload.end()}; }
   [[nodiscard]] tn::message message() const {
@@ -110,7 +110,7 @@ class Peer {
   Delivered expectFrame() {
     auto frame = receive();
     EXPECT_TRUE(frame.has_value()) << "no frame came";
-    return frame ? std::move(*frame) : Delivered{0, tn::FrameKind::observed, {}, UniqueFd()};
+    return frame ? std::move(*frame) : Delivered{0, tn::FrameKind::observed, {}, PassedFd()};
   }
   tn::message ask(const tn::message& request) {
     sendControl(request);
@@ -157,7 +157,7 @@ class Peer {
     if (inbox_.size() < whole) return std::nullopt;
     const auto begin = inbox_.begin() + tn::frameHeaderBytes;
     const auto end = inbox_.begin() + static_cast<std::ptrdiff_t>(whole);
-    Delivered frame{header.peer, tn::FrameKind{header.kind}, Payload(begin, end), UniqueFd()};
+    Delivered frame{header.peer, tn::FrameKind{header.kind}, Payload(begin, end), PassedFd()};
     if (descriptorAt_ == 0) frame.descriptor = std::move(descriptor_);
     descriptorAt_ -= whole;
     inbox_.erase(inbox_.begin(), end);
@@ -201,7 +201,7 @@ class Peer {
   bool ended_ = false;
   std::uint32_t id_ = 0;
   Payload inbox_;
-  UniqueFd descriptor_;
+  PassedFd descriptor_;
   std::size_t descriptorAt_ = 0;  // offset in inbox_ of the frame it came with
 };
 
