@@ -15,6 +15,8 @@ TARN_BUILD is the build under test. TARN_HOST_BUILD has what a cross build leave
 the programs of a cross build; both are set by CTest.
 """
 
+import atexit
+import contextlib
 import json
 import os
 import random
@@ -35,6 +37,17 @@ STAGE = TREE / "image" / "stage"
 # How long anything may take that should take no time: generous, because the machine may be busy and programs emulated.
 PATIENCE = 30.0
 SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
+
+# Systems that were not closed yet. A test run that is told to end leaves nothing behind either.
+_open_systems = set()
+signal.signal(signal.SIGTERM, signal.default_int_handler)
+
+
+@atexit.register
+def _close_systems():
+    for system in list(_open_systems):
+        with contextlib.suppress(AssertionError):
+            system.close()
 
 
 def free_port():
@@ -143,6 +156,7 @@ class System:
         except BaseException:
             shutil.rmtree(self.folder)
             raise
+        _open_systems.add(self)
 
     def _stage(self, documents, web):
         builds = [os.environ["TARN_BUILD"], os.environ.get("TARN_HOST_BUILD", "")]
@@ -275,6 +289,7 @@ class System:
 
     def close(self):
         """Ends everything and looks at what the programs left behind."""
+        _open_systems.discard(self)
         troubles = []
         for client in self.buses:
             client.close()
