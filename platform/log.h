@@ -9,8 +9,9 @@
 // line. A reader that stalls must not stall the program: what does not fit the buffer while the reader takes nothing is
 // dropped and counted, and the count is told in a line of its own ("log: N lines dropped") once the reader goes on.
 //
-// Standard output may be shared with other processes, so it is not made non-blocking; readiness is asked before each
-// write, and never more than PIPE_BUF bytes are written at a time.
+// Standard output may be shared with other processes, so it is not made non-blocking; where a write can block,
+// readiness is asked before each, and never more than PIPE_BUF bytes are written at a time. What standard output is has
+// to stay as it was at the first line.
 
 // Appends the concatenation of the pieces and a line end as one line. Control characters of the pieces are written as
 // "?", so that a peer cannot forge lines.
