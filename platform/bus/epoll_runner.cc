@@ -1,6 +1,5 @@
 #include "platform/bus/epoll_runner.h"
 
-#include <cassert>
 #include <cerrno>
 #include <sys/ioctl.h>
 #include <utility>
@@ -64,36 +63,65 @@ EpollRunner::Slot* EpollRunner::find(const Entry& entry) {
 
 bool EpollRunner::addSocket(int fd, unsigned mask, SocketCallback callback, Trigger trigger) {
   if (!makeNonBlocking(fd)) return false;
-  return add(fd, mask, std::move(callback), trigger == Trigger::cached);
+  Slot* slot = occupy(fd, mask, trigger == Trigger::cached);
+  if (slot == nullptr) return false;
+  if (!introduce(fd, *slot)) {
+    slot->watched = false;
+    return false;
+  }
+  slot->callback = std::move(callback);
+  return true;
 }
 
 bool EpollRunner::addNonBlocking(int fd, unsigned mask, SocketCallback callback) {
-  return add(fd, mask, std::move(callback), true);
+  Slot* slot = occupy(fd, mask, true);
+  if (slot == nullptr) return false;
+  slot->callback = std::move(callback);
+  slot->ready = interestBits;
+  unknown_.push_back({fd, slot->generation});
+  if ((slot->ready & slot->mask) != 0) enqueue(fd, *slot);
+  return true;
 }
 
-bool EpollRunner::add(int fd, unsigned mask, SocketCallback callback, bool cached) {
-  assert(callback);
+// The slot of a socket that is not watched yet, taken for it. Null: it is, or it is no descriptor.
+EpollRunner::Slot* EpollRunner::occupy(int fd, unsigned mask, bool cached) {
   if (fd < 0) {
     errno = EBADF;
-    return false;
+    return nullptr;
   }
   if (find(fd) != nullptr) {
     errno = EEXIST;
-    return false;
+    return nullptr;
   }
   const auto index = static_cast<std::size_t>(fd);
   if (index >= slots_.size()) slots_.resize(index + 1);
   Slot& slot = slots_[index];
   ++slot.generation;
-  epoll_event event{};
-  event.events = kernelMask(mask, cached);
-  event.data.u64 = eventTag(fd, slot.generation);
-  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) return false;
-  slot.callback = std::move(callback);
   slot.mask = static_cast<std::uint8_t>(mask & interestBits);
   slot.cached = cached;
   slot.watched = true;
-  return true;
+  slot.introduced = false;
+  return &slot;
+}
+
+// Gives a socket to the kernel, which at once announces what it is ready for.
+bool EpollRunner::introduce(int fd, Slot& slot) {
+  epoll_event event{};
+  event.events = kernelMask(slot.mask, slot.cached);
+  event.data.u64 = eventTag(fd, slot.generation);
+  slot.introduced = epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+  return slot.introduced;
+}
+
+// A socket that the kernel does not take would never be called again: its owner is told that it has hung up.
+void EpollRunner::introduceUnknown() {
+  for (const Entry& entry : unknown_) {
+    Slot* slot = find(entry);
+    if (slot == nullptr || introduce(entry.fd, *slot)) continue;
+    slot->ready |= hangUp;
+    enqueue(entry.fd, *slot);
+  }
+  unknown_.clear();
 }
 
 bool EpollRunner::changeSocket(int fd, unsigned mask) {
@@ -116,7 +144,7 @@ bool EpollRunner::removeSocket(int fd) {
   if (slot == nullptr) return false;
   // Fails when the descriptor was closed before, which removed it already.
   const int saved = errno;
-  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+  if (slot->introduced) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
   errno = saved;
   vacate(*slot);
   return true;
@@ -153,6 +181,7 @@ void EpollRunner::enqueue(int fd, Slot& slot) {
 }
 
 bool EpollRunner::turn(bool mayWait) {
+  introduceUnknown();
   int timeout = 0;
   if (mayWait && pending_.empty()) {
     if (timers().nextDeadline()) timers().setNow(Clock::now());

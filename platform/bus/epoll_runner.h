@@ -16,6 +16,10 @@ namespace tn {
 // selects what is told. So between two waits no system call is spent on interest, and a socket whose mask changes to
 // something it is ready for is called in the same turn.
 //
+// A socket of addNonBlocking is given to the kernel only before the next wait, and taken for ready until it says
+// otherwise: the request of a connection that was just accepted is mostly there, and a connection that is answered and
+// closed in the same turn never costs a registration.
+//
 // A slot has a generation, which every add and remove changes. It travels with the kernel's events and with the queue
 // of sockets to be called, so neither reaches a socket that got the same descriptor number later in the same turn.
 class EpollRunner : public ThinRunner {
@@ -48,6 +52,7 @@ class EpollRunner : public ThinRunner {
     bool watched : 1 = false;
     bool cached : 1 = false;
     bool queued : 1 = false;
+    bool introduced : 1 = false;  // the kernel knows it
   };
   // A socket to be called, and which registration of its number is meant.
   struct Entry {
@@ -57,7 +62,9 @@ class EpollRunner : public ThinRunner {
 
   [[nodiscard]] Slot* find(int fd);
   [[nodiscard]] Slot* find(const Entry& entry);
-  bool add(int fd, unsigned mask, SocketCallback callback, bool cached);
+  [[nodiscard]] Slot* occupy(int fd, unsigned mask, bool cached);
+  bool introduce(int fd, Slot& slot);
+  void introduceUnknown();
   void vacate(Slot& slot);
   void enqueue(int fd, Slot& slot);
   void note(const epoll_event& event);
@@ -69,6 +76,7 @@ class EpollRunner : public ThinRunner {
   std::vector<Slot> slots_;     // by descriptor
   std::vector<Entry> pending_;  // sockets to be called next
   std::vector<Entry> round_;    // those being called
+  std::vector<Entry> unknown_;  // sockets that the kernel does not know yet
   std::vector<epoll_event> events_;
 };
 

@@ -295,12 +295,58 @@ TEST_F(EpollRunnerTest, AForgottenSocketLeavesItsNumberFree) {
   pair.here.reset();
   Pair next;
   ASSERT_EQ(next.here.get(), number);
-  EXPECT_TRUE(runner.addNonBlocking(number, readable, note()));
+  EXPECT_TRUE(runner.addSocket(number, readable, note(), Trigger::cached));
   turn();
   EXPECT_EQ(told, nothing);
   next.feed("y");
   turn();
   EXPECT_EQ(told.front(), readable);
+}
+
+TEST_F(EpollRunnerTest, ANewNonBlockingSocketIsTakenForReadyUntilItSaysOtherwise) {
+  const Pair pair;
+  const auto drain = [this](int fd, unsigned events) {
+    told.push_back(events);
+    runner.drained(fd, readable);
+  };
+  EXPECT_TRUE(runner.addNonBlocking(pair.here.get(), readable, drain));
+  turn();
+  EXPECT_EQ(told, (std::vector<unsigned>{readable}));
+  turn();
+  EXPECT_EQ(told.size(), 1U);
+  pair.feed("x");
+  turn();
+  EXPECT_EQ(told, (std::vector<unsigned>{readable, readable}));
+}
+
+TEST_F(EpollRunnerTest, ANewNonBlockingSocketMayWantNothingAndIsStillToldOfAHangUp) {
+  Pair pair;
+  EXPECT_TRUE(runner.addNonBlocking(pair.here.get(), 0, note()));
+  turn();
+  EXPECT_EQ(told, nothing);
+  pair.there.reset();
+  turn();
+  EXPECT_EQ(told, (std::vector<unsigned>{hangUp}));
+}
+
+TEST_F(EpollRunnerTest, ANewNonBlockingSocketMayGoBeforeTheKernelKnewIt) {
+  Pair pair;
+  const int number = pair.here.get();
+  EXPECT_TRUE(runner.addNonBlocking(number, readable, note()));
+  EXPECT_FALSE(runner.addNonBlocking(number, readable, note()));
+  pair.here.reset();
+  EXPECT_TRUE(runner.forgetSocket(number));
+  turn();
+  EXPECT_EQ(told, nothing);
+  EXPECT_FALSE(runner.changeSocket(number, writable));
+}
+
+TEST_F(EpollRunnerTest, WhatTheKernelDoesNotWatchHasHungUp) {
+  const UniqueFd file(open("/proc/self/stat", O_RDONLY | O_CLOEXEC));
+  ASSERT_TRUE(file);
+  EXPECT_TRUE(runner.addNonBlocking(file.get(), 0, note()));
+  turn();
+  EXPECT_EQ(told, (std::vector<unsigned>{hangUp}));
 }
 
 // Both sockets are ready in one batch; whichever is called first replaces the other by a new one of the same number.
