@@ -37,6 +37,8 @@ function(tarn_test name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE tarn_options ${arg_LINK} GTest::gmock_main)
+  # What is tested is optimised; the tests themselves are not worth the compiler's time.
+  target_compile_options(${name} PRIVATE -O1)
   if(CMAKE_CROSSCOMPILING)
     target_link_options(${name} PRIVATE -static)
   endif()
