@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -101,6 +102,8 @@ void serve(int fd, const std::string& response, Left& left, bool keep) {
 
 int main(int argc, char** argv) {
   if (argc != 4) return 2;
+  // The load ends in the middle of responses.
+  std::signal(SIGPIPE, SIG_IGN);
   const bool keep = std::strcmp(argv[3], "keep") == 0;
   const std::string body = readFile(argv[2]);
   const std::string response =
