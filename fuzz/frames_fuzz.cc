@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <span>
-#include <utility>
 #include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 #include "platform/bus/frame_reader.h"
