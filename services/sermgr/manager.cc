@@ -82,6 +82,7 @@ tn::message Manager::cmdGet(tn::message& msg) {
 
 tn::message Manager::cmdGetAll(tn::message& /*msg*/) {
   std::vector<tn::message> records;
+  records.reserve(entries_.size());
   for (const auto& [name, entry] : entries_)
     records.push_back(describe(entry));
   tn::message answer;
@@ -204,6 +205,7 @@ void Manager::sendUntracked(std::uint32_t program) {
 
 std::vector<Manager::Entry*> Manager::enabledFirst() {
   std::vector<Entry*> order;
+  order.reserve(entries_.size());
   for (auto& [name, entry] : entries_)
     order.push_back(&entry);
   std::stable_partition(order.begin(), order.end(), [](const Entry* entry) { return entry->record.enabled; });
