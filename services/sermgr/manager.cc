@@ -6,6 +6,7 @@
 
 #include "platform/bus/looper.h"
 #include "platform/log.h"
+#include "services/common/return_address.h"
 
 namespace sermgr {
 namespace {
@@ -15,14 +16,6 @@ constexpr tn::message_array_id allRecords{1};
 // Copies the name: it must survive the message.
 std::string nameOf(const tn::message& msg) {
   return std::string(msg.get(field::name).value_or(std::string_view()));
-}
-
-// What an answer needs of its request. The rest of it may be large, and is not to be kept for seconds.
-tn::message returnAddress(const tn::message& request) {
-  tn::message address;
-  if (const auto path = request.get(tn::field::sender)) address.insert_vector(tn::field::sender, *path);
-  if (const auto number = request.get(tn::field::requestNumber)) address.insert(tn::field::requestNumber, *number);
-  return address;
 }
 
 }  // namespace
@@ -137,7 +130,7 @@ std::optional<Manager::Refusal> Manager::keep(const Record& record) {
 void Manager::tell(const tn::message& request, const std::string& name) {
   const auto found = entries_.find(name);
   const bool gone = found == entries_.end();
-  const Told told{returnAddress(request), name, gone, gone ? 0 : found->second.revision};
+  const Told told{service::returnAddress(request), name, gone, gone ? 0 : found->second.revision};
   const tn::message command = gone ? removeCommand(name) : applyCommand(found->second.record);
   ++changes_;
   delivery_.findServers([this, told, command](const Delivery::Found& there) {

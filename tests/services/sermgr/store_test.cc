@@ -72,7 +72,7 @@ class StoreTest : public ::testing::Test {
 
   // Runs SQL on the database from outside.
   void tamper(const char* sql) const {
-    sermgr::Database database;
+    storage::Database database;
     ASSERT_EQ(database.open(path_), SQLITE_OK);
     ASSERT_EQ(database.run(sql), SQLITE_OK) << sql;
   }
@@ -290,7 +290,7 @@ TEST_F(StoreTest, FailsInWordsWhereNothingCanBeMade) {
 TEST_F(StoreTest, FailsInWordsWhileAnotherProgramHoldsTheDatabase) {
   Store store(path_);
   ASSERT_EQ(store.open(defaults_), std::nullopt);
-  sermgr::Database other;
+  storage::Database other;
   ASSERT_EQ(other.open(path_), SQLITE_OK);
   ASSERT_EQ(other.run("BEGIN EXCLUSIVE"), SQLITE_OK);
   EXPECT_EQ(store.save(named("http", 1)), "database is locked");

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace sermgr {
+namespace storage {
 
 class Database;
 
@@ -76,4 +76,4 @@ class Transaction {
   bool open_ = false;
 };
 
-}  // namespace sermgr
+}  // namespace storage

@@ -1,6 +1,6 @@
-#include "services/sermgr/database.h"
+#include "services/common/database.h"
 
-namespace sermgr {
+namespace storage {
 namespace {
 
 // How long another program's lock on the file is waited for. The loop stands still meanwhile.
@@ -99,4 +99,4 @@ int Transaction::commit() {
   return result;
 }
 
-}  // namespace sermgr
+}  // namespace storage
