@@ -55,8 +55,8 @@ class BusLink {
     timedOut,  // none came in time
     lost,      // none will come any more
   };
-  // Waits for frames and delivers them, while nothing else of the program runs. A loss is only returned; the sink is
-  // told of it when the loop runs again.
+  // Waits for frames and delivers them, while nothing else of the program runs; the timers' time moves on with the
+  // wait. A loss is only returned; the sink is told of it when the loop runs again.
   [[nodiscard]] virtual Wait waitForFrames(Clock::time_point deadline) = 0;
 };
 

@@ -192,8 +192,7 @@ bool EpollRunner::turn(bool mayWait) {
   timers().setNow(Clock::now());
   for (int i = 0; i < count; ++i)
     note(events_[static_cast<std::size_t>(i)]);
-  callReady();
-  timers().runExpired(timers().now());
+  if (callReady()) timers().runExpired(timers().now());
   return true;
 }
 
@@ -208,13 +207,21 @@ void EpollRunner::note(const epoll_event& event) {
 
 // Each round calls every ready socket once, so one that never drains cannot keep the others waiting; what is ready
 // after the last round is left for the next turn, which asks the kernel about the rest without waiting.
-void EpollRunner::callReady() {
+//
+// False: the time has moved, since a callback waited for something itself. The sockets that were to be called after it
+// come first in the next turn, and no timer runs before them: their peers were not silent, they were not listened to.
+bool EpollRunner::callReady() {
+  const Clock::time_point began = timers().now();
   for (unsigned round = 0; round < roundsPerTurn_ && !pending_.empty(); ++round) {
     round_.swap(pending_);
-    for (const Entry& entry : round_)
-      call(entry);
+    auto next = round_.begin();
+    while (next != round_.end() && timers().now() == began)
+      call(*next++);
+    pending_.insert(pending_.begin(), next, round_.end());
     round_.clear();
+    if (timers().now() != began) return false;
   }
+  return true;
 }
 
 // The callback is moved out while it runs: it may remove its own socket, or add others, which moves the slots.

@@ -69,7 +69,7 @@ class EpollRunner : public ThinRunner {
   void enqueue(int fd, Slot& slot);
   void note(const epoll_event& event);
   void call(const Entry& entry);
-  void callReady();
+  [[nodiscard]] bool callReady();
 
   UniqueFd epoll_;
   unsigned roundsPerTurn_;

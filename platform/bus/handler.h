@@ -91,7 +91,8 @@ class Handler {
   // Sends without wanting a reply. A message that cannot be delivered is dropped; a descriptor in it is closed.
   virtual void sendMessage(message msg);
   // Sends and waits for the reply, at the most `timeoutMs`; everything else that arrives meanwhile is kept and handled
-  // later, in order. Returns the reply or an error message.
+  // later, in order. Timers that are armed afterwards count from the end of the wait. Returns the reply or an error
+  // message.
   virtual message exchangeMessage(message msg, std::uint32_t timeoutMs);
   // Runs at the end of each turn in which something was left to tell.
   virtual void flush();

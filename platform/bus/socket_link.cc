@@ -176,6 +176,7 @@ BusLink::Wait SocketLink::waitForFrames(Clock::time_point deadline) {
     pollfd entry{socket_.get(), static_cast<short>(blocked_ ? POLLIN | POLLOUT : POLLIN), 0};
     const int timeout = millisecondsUntil(deadline);
     const int n = poll(&entry, 1, timeout);
+    runner_.timers().setNow(Clock::now());
     if (n == 0 && timeout == 0) return Wait::timedOut;
     if (n <= 0) continue;
     if ((entry.revents & POLLOUT) != 0) write();

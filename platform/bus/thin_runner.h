@@ -21,8 +21,7 @@ enum class Trigger : std::uint8_t {
   level,
   // The runner remembers what the socket is ready for until the callback says `drained`, so changing the interest costs
   // nothing and an answer can be written in the turn that brought the request. A callback that neither drains the
-  // socket
-  // nor changes the interest is called again in the same turn. For connections.
+  // socket nor changes the interest is called again in the same turn. For connections.
   cached,
 };
 
@@ -71,7 +70,8 @@ class ThinRunner {
   bool removeTimer(TimerHandle handle) { return timers_.remove(handle); }
 
   // One turn: waits until a socket is ready or a timer expires (not at all when `mayWait` is false), calls the sockets,
-  // then runs the timers. False: nothing will ever be ready again (errno says why).
+  // then runs the timers. A callback that waited for something itself, and so moved the timers' time, ends the turn.
+  // False: nothing will ever be ready again (errno says why).
   [[nodiscard]] virtual bool turn(bool mayWait) = 0;
 
   [[nodiscard]] TimerQueue& timers() { return timers_; }
