@@ -37,7 +37,10 @@ void WebServer::start(const std::string& configDirectory) {
   buildServers(*config, servers);
   settingsReceived = false;
   askTimer_.setCallback([this] { askForSettings(); });
-  askTimer_.start(tn::getRunner()->timers(), askAfterMs);
+  // The loop's time has stood still while the documents were read.
+  tn::TimerQueue& timers = tn::getRunner()->timers();
+  timers.setNow(tn::Clock::now());
+  askTimer_.start(timers, askAfterMs);
 }
 
 void WebServer::askForSettings() {
