@@ -14,13 +14,16 @@
 namespace {
 
 // What is left of head and text, and with them the file when the cache has it mapped: all of it goes in one call.
+//
+// The mapping serves the first call alone, in the turn that asked for the file's size. A file that is cut short later
+// reads as zeros up to the end of its last page, where sendfile finds the end.
 class HeadPieces {
  public:
   HeadPieces(const std::string& head, const Outgoing& out) {
     const std::size_t ofHead = std::min(out.sent, head.size());
     add(std::string_view(head).substr(ofHead));
     add(out.text.substr(out.sent - ofHead));
-    if (out.cached && !out.cached->mapped().empty()) {
+    if (out.cached && !out.cached->mapped().empty() && !out.tried) {
       add(out.cached->mapped().substr(static_cast<std::size_t>(out.fileOffset), out.fileRemaining));
     } else {
       fileFollows_ = out.fileRemaining != 0 && (out.file || out.cached);
@@ -73,6 +76,7 @@ void Connection::onWritable() {
 // full (a signal or a file cut short end the call early as well): only the failure that does is told the runner.
 bool Connection::writeHead() {
   HeadPieces pieces(buffer_, out_);
+  out_.tried = true;
   // With a file to follow, the kernel keeps the head back, so that both share their segments.
   const ssize_t count = sendmsg(socket_.get(), pieces.message(), pieces.fileFollows() ? MSG_MORE : 0);
   if (count < 0) {

@@ -19,5 +19,6 @@ struct Outgoing {
   std::shared_ptr<const CachedFile> cached;
   std::uint32_t fileRemaining = 0;
   off_t fileOffset = 0;
+  bool tried = false;      // a write was tried: what is left may find its file changed
   bool keepAlive = false;  // what follows a complete response: the next request, or the end
 };

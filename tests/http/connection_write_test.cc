@@ -36,6 +36,15 @@ class ConnectionWriteTest : public ConnectionTest {
     ASSERT_EQ(setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes), 0);
     open(UniqueFd(ends[0]), UniqueFd(ends[1]));
   }
+  // Fills what the server's socket takes; the number of bytes.
+  std::size_t fillSocket() const {
+    const std::string filling(100000, 'f');
+    std::size_t filled = 0;
+    for (ssize_t count = 0; count >= 0; filled += static_cast<std::size_t>(count > 0 ? count : 0)) {
+      count = ::send(fd, filling.data(), filling.size(), MSG_DONTWAIT);
+    }
+    return filled;
+  }
   // What a client gets that takes a little at a time.
   std::string receiveSlowly(std::size_t part) {
     std::string all;
@@ -244,6 +253,25 @@ TEST_F(ConnectionWriteTest, AMappedFileCutShortBeforeTheFirstWriteEndsTheConnect
   EXPECT_EQ(takeErrors(), "write: Bad address\n");
 }
 
+// The rest of a page behind the end of its file reads as zeros: they are not the file's.
+TEST_F(ConnectionWriteTest, NothingIsSentBehindTheEndOfAFileThatWasCutShortWhileItWaited) {
+  captureErrors();
+  way = Way::cached;
+  dir.write("file", std::string(3000, 'x'));
+  openNarrow();
+  const std::size_t filled = fillSocket();
+  peer.send(get);
+  EXPECT_TRUE(runner.ready(fd, tn::readable));
+  EXPECT_TRUE(runner.ready(fd, tn::writable));
+  ASSERT_EQ(connection->state(), State::writing);
+  ASSERT_EQ(truncate(file.c_str(), 1000), 0);
+  const Answer answer = parseAnswer(receiveSlowly(SIZE_MAX).substr(filled));
+  EXPECT_EQ(answer.field("content-length"), "3000");
+  EXPECT_TRUE(answer.body == std::string(1000, 'x')) << answer.body.size();
+  EXPECT_FALSE(live());
+  EXPECT_EQ(takeErrors(), "");
+}
+
 TEST_F(ConnectionWriteTest, SendsATextToASlowReader) {
   const std::string text = sampleBytes(1 << 20);
   serveText(text);
@@ -269,11 +297,7 @@ TEST_F(ConnectionWriteTest, WaitsWhenTheSocketTakesNothing) {
   captureErrors();
   serveText("small");
   openNarrow();
-  const std::string filling(100000, 'f');
-  std::size_t filled = 0;
-  for (ssize_t count = 0; count >= 0; filled += static_cast<std::size_t>(count > 0 ? count : 0)) {
-    count = ::send(fd, filling.data(), filling.size(), MSG_DONTWAIT);
-  }
+  const std::size_t filled = fillSocket();
   peer.send(get);
   EXPECT_TRUE(runner.ready(fd, tn::readable));
   EXPECT_TRUE(runner.ready(fd, tn::writable));
