@@ -16,7 +16,8 @@
 // A decimal number of digits alone, below 2^32. False, and `value` unchanged, for anything else.
 bool parseNumber(std::string_view text, unsigned* value);
 
-// HTTP date (RFC 9110, 5.6.7) of a time in seconds since the epoch; "0" when its year does not have four digits.
+// HTTP date (RFC 9110, 5.6.7) of a time in seconds since the epoch, the year with as many digits
+// as it has; "0" when it has more than six.
 [[nodiscard]] std::string httpDate(std::int64_t seconds);
 // Appends the same.
 void appendHttpDate(std::string& out, std::int64_t seconds);

@@ -1,16 +1,19 @@
 #include <array>
 #include <cstring>
+#include <ctime>
 
 #include "platform/web/functions.h"
 
 // Written by hand rather than with strftime: the names of days and months may not follow a locale, and a busy server
-// needs several dates per response.
+// needs several dates per response. Years of other than four digits, which no clock shows but a file may carry, are
+// left to the library.
 
 namespace {
 
 constexpr std::int64_t secondsPerDay = 86400;
-constexpr std::int64_t earliest = -62167219200;  // 0000-01-01 00:00:00
+constexpr std::int64_t earliest = -30610224000;  // 1000-01-01 00:00:00
 constexpr std::int64_t latest = 253402300799;    // 9999-12-31 23:59:59
+constexpr std::size_t libraryRoom = 32;          // for a date that the library writes
 
 constexpr std::string_view dayNames = "SunMonTueWedThuFriSat";
 constexpr std::string_view monthNames = "JanFebMarAprMayJunJulAugSepOctNovDec";
@@ -20,7 +23,7 @@ constexpr std::string_view form = "Www, DD Mmm YYYY HH:MM:SS GMT";
 // day, where there is one, comes last and all days before it keep their number.
 constexpr unsigned daysPerEra = 146097;
 constexpr std::int64_t daysFromMarchOfYear0 = 719468;  // to 1970-01-01
-constexpr unsigned earliestWeekday = 6;                // a Saturday
+constexpr unsigned earliestWeekday = 3;                // a Wednesday
 
 struct Date {
   unsigned year;
@@ -47,11 +50,23 @@ void putTwo(char* at, unsigned value) {
   at[1] = static_cast<char>('0' + value % 10);
 }
 
+// "0" for a time that has no date, or one that does not fit.
+void appendOddDate(std::string& out, std::int64_t seconds) {
+  const auto time = static_cast<time_t>(seconds);
+  struct tm parts {};
+  std::array<char, libraryRoom> text{};
+  std::size_t length = 0;
+  if (gmtime_r(&time, &parts) != nullptr) {
+    length = strftime(text.data(), text.size(), "%a, %d %b %Y %H:%M:%S GMT", &parts);
+  }
+  out.append(length != 0 ? std::string_view(text.data(), length) : "0");
+}
+
 }  // namespace
 
 void appendHttpDate(std::string& out, std::int64_t seconds) {
   if (seconds < earliest || seconds > latest) {
-    out.push_back('0');
+    appendOddDate(out, seconds);
     return;
   }
   std::int64_t days = seconds / secondsPerDay;
