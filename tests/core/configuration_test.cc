@@ -191,9 +191,7 @@ TEST_F(ConfigurationTest, TheTunnelIsNotOnTheBusOtherwise) {
 }
 
 TEST_F(ConfigurationTest, WhatIsNotServedYetAnswers404) {
-  startWith(
-      "<server name='web'><servlet type='jsproxy' path='/1'/><servlet type='index' path='/2'/>"
-      "<servlet type='varnox' path='/3'/><servlet type='remote' path='/4' target='63'/></server>");
+  startWith("<server name='web'><servlet type='jsproxy' path='/1'/></server>");
   for (Servlet* servlet : find("web")->servlets) {
     for (const Method method : {Method::get, Method::post, Method::options}) {
       Request request(false, false);
