@@ -21,12 +21,12 @@ void shed(std::string& text) {
 }  // namespace
 
 Connection::Connection(Key /*key*/, Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner)
-    : site_(site),
-      runner_(runner),
+    : server_(site),
       socket_(std::move(socket)),
       request_(tls, unixListener),
       headerTimer_([this] { close(); }),
-      idleTimer_([this] { close(); }) {}
+      idleTimer_([this] { close(); }),
+      runner_(runner) {}
 
 Connection& createConnection(Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner) {
   auto& all = connections();
@@ -40,7 +40,7 @@ void endAllConnections() {
   auto& all = connections();
   while (!all.empty()) {
     Connection& connection = all.front();
-    if (connection.state_ != Connection::State::ended) connection.release();
+    if (connection.state_ != Connection::State::Ended) connection.destroy();
     all.erase(connection.self_);
   }
   fileCache().clear();
@@ -49,7 +49,7 @@ void endAllConnections() {
 void Connection::beginRequest() {
   runRequestEnd();
   if (working_) layDownWork();
-  state_ = request_.unix && !request_.ssl ? State::readForward : State::readRequestLine;
+  state_ = request_.unix && !request_.ssl ? State::ReadForward : State::ReadRequestLine;
   fill_ = 0;
   headerBytes_ = 0;
   bodyReceived_ = 0;
@@ -81,26 +81,26 @@ void Connection::close() {
 // What `close` does but for the freeing, which is left to whoever was called from outside.
 void Connection::finish() {
   switch (state_) {
-    case State::closed:
-    case State::ended:
+    case State::Closed:
+    case State::Ended:
       return;
-    case State::dispatched:
-      state_ = State::closed;
+    case State::Dispatched:
+      state_ = State::Closed;
       return;
-    case State::readBody:
+    case State::ReadBody:
       deliver({}, true);
       break;
-    case State::readForward:
-    case State::readRequestLine:
-    case State::readHeaders:
-    case State::writing:
+    case State::ReadForward:
+    case State::ReadRequestLine:
+    case State::ReadHeaders:
+    case State::Writing:
       break;
   }
-  release();
+  destroy();
 }
 
-void Connection::release() {
-  state_ = State::ended;
+void Connection::destroy() {
+  state_ = State::Ended;
   runRequestEnd();
   --openConnections;
   headerTimer_.cancel();
@@ -124,7 +124,7 @@ void Connection::closeSocket() {
 }
 
 void Connection::freeIfEnded() {
-  if (state_ == State::ended) connections().erase(self_);
+  if (state_ == State::Ended) connections().erase(self_);
 }
 
 void Connection::runRequestEnd() {
@@ -132,7 +132,7 @@ void Connection::runRequestEnd() {
 }
 
 void Connection::park() {
-  state_ = State::dispatched;
+  state_ = State::Dispatched;
   runner_.removeSocket(socket_.get());
   idleTimer_.cancel();
   if (buffer_.capacity() > Workspace::maxKeptBuffer) std::string().swap(buffer_);
@@ -140,10 +140,10 @@ void Connection::park() {
 }
 
 void Connection::complete() {
-  if (state_ == State::dispatched) {
+  if (state_ == State::Dispatched) {
     writeResponse();
-  } else if (state_ == State::closed) {
-    release();
+  } else if (state_ == State::Closed) {
+    destroy();
   }
   freeIfEnded();
 }

@@ -43,15 +43,15 @@ class Connection {
   static constexpr std::uint32_t idleLimitMs = 2000;    // without a socket event
 
   enum class State : std::uint8_t {
-    readForward,      // unix listener: 88 bytes of forwarding header are awaited; both timers run
-    readRequestLine,  // both timers run
-    readHeaders,      // lines up to the empty one; both timers run
-    readBody,         // a POST's body goes to its servlet; the idle timer runs
-    dispatched,  // parked until the servlet completes; the socket is not watched, no timer runs (but the header timer
+    ReadForward,      // unix listener: 88 bytes of forwarding header are awaited; both timers run
+    ReadRequestLine,  // both timers run
+    ReadHeaders,      // lines up to the empty one; both timers run
+    ReadBody,         // a POST's body goes to its servlet; the idle timer runs
+    Dispatched,  // parked until the servlet completes; the socket is not watched, no timer runs (but the header timer
                  // of a request without version)
-    writing,     // head and body leave; the idle timer runs
-    closed,      // given up while parked: the servlet's completion frees it
-    ended,       // everything is released; freed as soon as the caller is left
+    Writing,     // head and body leave; the idle timer runs
+    Closed,      // given up while parked: the servlet's completion frees it
+    Ended,       // everything is released; freed as soon as the caller is left
   };
 
   Connection(Key key, Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner);
@@ -82,7 +82,7 @@ class Connection {
   // connection.cc: life and parking
   void handleEvents(unsigned events);
   void finish();
-  void release();
+  void destroy();
   void closeSocket();
   void freeIfEnded();
   void runRequestEnd();
@@ -120,23 +120,24 @@ class Connection {
   void takeUpWork();
   void layDownWork();
 
-  Site& site_;
-  tn::ThinRunner& runner_;
-  std::list<Connection>::iterator self_;  // its place among all
+  Site& server_;
   UniqueFd socket_;
-  State state_ = State::readRequestLine;
-  bool working_ = false;           // holds a workspace: `buffer_` and the memory of both headers
   std::uint32_t fill_ = 0;         // bytes held at the front of `buffer_` while reading
+  std::string buffer_;             // what is read, its length being the room; then the head of the response
   std::uint32_t headerBytes_ = 0;  // request line and header lines so far, without line ends
-  std::uint32_t bodyReceived_ = 0;
-  std::uint32_t bodyLength_ = 0;  // unknownLength for a POST that does not say
-  std::uint32_t bodyRoom_ = 0;    // in readBody: what `buffer_` may grow to
-  std::string buffer_;            // what is read, its length being the room; then the head of the response
   Request request_;
   Response response_;
-  Outgoing out_;  // in writing
+  Outgoing out_;  // in Writing
+  State state_ = State::ReadRequestLine;
+  std::uint32_t bodyReceived_ = 0;
+  std::uint32_t bodyLength_ = 0;  // unknownLength for a POST that does not say
   tn::Timer headerTimer_;
   tn::Timer idleTimer_;
+
+  tn::ThinRunner& runner_;
+  std::list<Connection>::iterator self_;  // its place among all
+  bool working_ = false;                  // holds a workspace: `buffer_` and the memory of both headers
+  std::uint32_t bodyRoom_ = 0;            // in ReadBody: what `buffer_` may grow to
 };
 
 // Makes the connection of an accepted socket; `tls` tells whether the client spoke TLS, `unixListener` whether the

@@ -20,7 +20,7 @@ void Connection::beginBody() {
     return;
   }
   bodyRoom_ = request_.bodyChunk == 0 ? streamRoom : static_cast<std::uint32_t>(request_.bodyChunk);
-  state_ = State::readBody;
+  state_ = State::ReadBody;
   dropExcess();
   setLength(std::max<std::size_t>(fill_, std::min<std::size_t>(bodyRoom_, firstBodyRoom)));
   pumpBody();

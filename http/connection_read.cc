@@ -26,15 +26,15 @@ std::string_view withoutReturn(std::string_view line) {
 
 void Connection::onReadable() {
   switch (state_) {
-    case State::readForward:
-    case State::readRequestLine:
-    case State::readHeaders:
-    case State::readBody:
+    case State::ReadForward:
+    case State::ReadRequestLine:
+    case State::ReadHeaders:
+    case State::ReadBody:
       break;
-    case State::dispatched:
-    case State::writing:
-    case State::closed:
-    case State::ended:
+    case State::Dispatched:
+    case State::Writing:
+    case State::Closed:
+    case State::Ended:
       return;
   }
   if (!working_) {
@@ -43,12 +43,12 @@ void Connection::onReadable() {
   }
   std::size_t scanFrom = fill_;
   if (!readMore()) return;
-  if (state_ == State::readBody) {
+  if (state_ == State::ReadBody) {
     dropExcess();
     pumpBody();
     return;
   }
-  if (state_ == State::readForward) {
+  if (state_ == State::ReadForward) {
     if (fill_ < forwardHeaderBytes) return;
     takeForwardHeader();
     scanFrom = 0;
@@ -79,7 +79,7 @@ void Connection::takeForwardHeader() {
   applyForwardHeader(std::span<const std::uint8_t, forwardHeaderBytes>(bytes, forwardHeaderBytes), request_);
   buffer_.erase(0, forwardHeaderBytes);
   fill_ -= std::uint32_t{forwardHeaderBytes};
-  state_ = State::readRequestLine;
+  state_ = State::ReadRequestLine;
 }
 
 void Connection::readHead(std::size_t scanFrom) {
@@ -97,7 +97,7 @@ void Connection::readHead(std::size_t scanFrom) {
       fill_ -= static_cast<std::uint32_t>(lineStart);
       buffer_.erase(0, lineStart);
       setLength(fill_);
-      state_ = State::dispatched;
+      state_ = State::Dispatched;
       dispatch();
       return;
   }
@@ -117,11 +117,11 @@ Connection::Scan Connection::scanLines(std::size_t scanFrom, std::size_t& lineSt
 
 // Incomplete: more lines are to come.
 Connection::Scan Connection::takeLine(std::string_view line) {
-  if (state_ == State::readRequestLine) {
+  if (state_ == State::ReadRequestLine) {
     headerBytes_ += static_cast<std::uint32_t>(line.size());
     if (!request_.parseStatusLine(line)) return Scan::malformed;
     if (request_.version == version09) return Scan::complete;
-    state_ = State::readHeaders;
+    state_ = State::ReadHeaders;
     return Scan::incomplete;
   }
   if (line.empty()) {
@@ -153,7 +153,7 @@ void Connection::refuse() {
     response_.sendError(400, "");
   }
   response_.keepAlivePermitted = false;
-  state_ = State::dispatched;
+  state_ = State::Dispatched;
   writeResponse();
 }
 
@@ -163,7 +163,7 @@ void Connection::dispatch() {
 
   const Target target = splitTarget(request_.uri);
   request_.query.assign(target.query);
-  const ServletChoice choice = chooseServlet(site_, target.path);
+  const ServletChoice choice = chooseServlet(server_, target.path);
   forgetFile();
   if (choice.servlet == nullptr) {
     response_.sendError(404, "");

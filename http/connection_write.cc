@@ -26,7 +26,7 @@ class HeadPieces {
     if (out.cached && !out.cached->mapped().empty() && !out.tried) {
       add(out.cached->mapped().substr(static_cast<std::size_t>(out.fileOffset), out.fileRemaining));
     } else {
-      fileFollows_ = out.fileRemaining != 0 && (out.file || out.cached);
+      fileFollows_ = out.fileRemaining != 0 && (out.fileFd || out.cached);
     }
   }
 
@@ -57,7 +57,7 @@ class HeadPieces {
 
 void Connection::writeResponse() {
   idleTimer_.start(runner_.timers(), idleLimitMs);
-  state_ = State::writing;
+  state_ = State::Writing;
   if (bodyReceived_ != bodyLength_) response_.keepAlivePermitted = false;
   out_ = {};
   buffer_.clear();
@@ -66,7 +66,7 @@ void Connection::writeResponse() {
 }
 
 void Connection::onWritable() {
-  if (state_ != State::writing) return;
+  if (state_ != State::Writing) return;
   if (out_.sent < buffer_.size() + out_.text.size() && !writeHead()) return;
   if (out_.fileRemaining != 0 && !writeFile()) return;
   onWritten();
@@ -93,7 +93,7 @@ bool Connection::writeHead() {
 
 // True: the file has left.
 bool Connection::writeFile() {
-  const int file = out_.cached ? out_.cached->fd() : out_.file.get();
+  const int file = out_.cached ? out_.cached->fd() : out_.fileFd.get();
   const ssize_t count = sendfile(socket_.get(), file, &out_.fileOffset, out_.fileRemaining);
   if (count < 0) {
     onWriteFailed();

@@ -15,7 +15,7 @@ struct Outgoing {
   std::size_t sent = 0;   // bytes of the head and of `text` that have left
   std::string_view text;  // the body when it is a text; it lies in the response
   // The file that the body comes from: its own descriptor, or one of the cache, which also has it mapped.
-  UniqueFd file;
+  UniqueFd fileFd;
   std::shared_ptr<const CachedFile> cached;
   std::uint32_t fileRemaining = 0;
   off_t fileOffset = 0;

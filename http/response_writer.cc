@@ -48,7 +48,7 @@ class Writer {
     response_.headers.addHeader(name, std::uint64_t{value}, false);
   }
 
-  [[nodiscard]] bool fileOpen() const { return out_.file || out_.cached; }
+  [[nodiscard]] bool fileOpen() const { return out_.fileFd || out_.cached; }
 
   // False: the file cannot be opened, or it is not a regular one, whose reading could block or never end.
   bool openFile() {
@@ -71,7 +71,7 @@ class Writer {
     }
     if (response_.deleteFile) unlink(response_.file.c_str());
     if (known != nullptr && status_) out_.cached = fileCache().insert(runner_, response_.file, fd, *status_);
-    out_.file = std::move(fd);
+    out_.fileFd = std::move(fd);
     return true;
   }
 
@@ -98,7 +98,7 @@ class Writer {
     }
     if (request_.method != Method::head) return;
     // fileRemaining stays: the write that follows the head fails for want of a file, and so ends the connection.
-    out_.file.reset();
+    out_.fileFd.reset();
     out_.cached.reset();
   }
 

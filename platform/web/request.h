@@ -59,19 +59,19 @@ class Request {
   std::string uri;       // target as received, query included
   std::string pathInfo;  // valid when pathInfoSet
   bool pathInfoSet = false;
+  std::string query;  // after the first "?"; set by the engine when it chooses the servlet, as pathInfo
   Method method = Method::get;
   Protocol protocol = Protocol::http;
-  std::string query;  // after the first "?"; set by the engine when it chooses the servlet, as pathInfo
   std::uint32_t version = version11;
 
   IPAddr6 peerAddress;
   std::uint32_t peerPort = 0;
   IPAddr6 localAddress;
   std::uint32_t localPort = 0;
+  const bool ssl;
   IPAddr6 originalAddress;  // before the firewall's translation; valid when hasOriginal
   std::uint32_t originalPort = 0;
   bool hasOriginal = false;
-  const bool ssl;
   const bool unix;
   std::uint32_t forwardTag = 0;
 

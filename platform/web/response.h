@@ -58,13 +58,13 @@ class Response {
   std::string statusText;
   std::string body;
   std::string file;
-  bool sent = false;
   bool deleteFile = false;
   bool cacheable = true;
   bool keepAlivePermitted = true;
   // Set by the connection while it is parked; a servlet that answers later calls it exactly once, after which this
   // response may no longer exist. Move it out before calling it.
   std::function<void()> onComplete;
+  bool sent = false;  // by send, sendError or restore
 
  private:
   void setStatus(int code, std::string_view text);

@@ -58,14 +58,14 @@ TEST_F(ConnectionBodyTest, DeliversTheBodyThatCameWithTheHead) {
   EXPECT_EQ(answer.body, "thanks");
   EXPECT_EQ(answer.field("connection"), "Keep-Alive");
   EXPECT_EQ(pieces, (Pieces{{"hello", true}}));
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
 }
 
 TEST_F(ConnectionBodyTest, DeliversTheBodyAsItComes) {
   answerAt = 3;
   open();
   EXPECT_EQ(exchangeText(head("9")), "");
-  EXPECT_EQ(connection->state(), State::readBody);
+  EXPECT_EQ(connection->state(), State::ReadBody);
   for (const char* part : {"abc", "def"})
     EXPECT_EQ(exchangeText(part), "");
   EXPECT_EQ(exchange("ghi").body, "thanks");
@@ -101,7 +101,7 @@ TEST_F(ConnectionBodyTest, TheBodyIsTheSameWhereverTheRequestIsCut) {
         continue;
       }
       EXPECT_TRUE(pieces.back().last);
-      ASSERT_EQ(connection->state(), State::dispatched);
+      ASSERT_EQ(connection->state(), State::Dispatched);
       complete("done");
       ASSERT_EQ(parseAnswer(peer.receive()).body, "done");
     }
@@ -162,7 +162,7 @@ TEST_F(ConnectionBodyTest, AnAnnouncedLengthAloneCostsNoMemory) {
   chunk = 0x7FFFFFFF;
   open();
   EXPECT_EQ(exchangeText(head("2147483647") + "few"), "");
-  EXPECT_EQ(connection->state(), State::readBody);
+  EXPECT_EQ(connection->state(), State::ReadBody);
   EXPECT_TRUE(pieces.empty());
 }
 
@@ -197,7 +197,7 @@ TEST_F(ConnectionBodyTest, ExcessBytesOfALaterReadReachNobodyEither) {
   exchangeText(head("6") + "abc");
   exchangeText("defEXCESS");
   EXPECT_EQ(pieces, (Pieces{{"abc", false}, {"def", true}}));
-  EXPECT_EQ(connection->state(), State::dispatched);
+  EXPECT_EQ(connection->state(), State::Dispatched);
 }
 
 TEST_F(ConnectionBodyTest, AnEmptyBodyIsWaitedForUntilTheTimeIsOver) {
@@ -255,7 +255,7 @@ TEST_F(ConnectionBodyTest, AnAnswerToTheEndOfABrokenBodyIsIgnored) {
 TEST_F(ConnectionBodyTest, ParksWhenTheBodyIsCompleteWithoutAnAnswer) {
   open();
   exchangeText(post("hello"));
-  EXPECT_EQ(connection->state(), State::dispatched);
+  EXPECT_EQ(connection->state(), State::Dispatched);
   EXPECT_FALSE(runner.watched(fd));
   runner.advance(3600000);
   EXPECT_TRUE(live());
@@ -284,7 +284,7 @@ TEST_F(ConnectionBodyTest, AServletThatWantsNoBodyIsParkedAtOnce) {
   chunk = -1;
   open();
   EXPECT_EQ(exchangeText(head("10")), "");
-  EXPECT_EQ(connection->state(), State::dispatched);
+  EXPECT_EQ(connection->state(), State::Dispatched);
   complete("unread");
   const Answer answer = parseAnswer(peer.receive());
   EXPECT_EQ(answer.body, "unread");
@@ -326,7 +326,7 @@ TEST_F(ConnectionBodyTest, ABodyWithoutConsumerIsReadAndDropped) {
   });
   open();
   exchangeText(post("hello"));
-  EXPECT_EQ(connection->state(), State::dispatched);
+  EXPECT_EQ(connection->state(), State::Dispatched);
   parked->send("fine");
   const auto done = std::move(parked->onComplete);
   done();
@@ -337,7 +337,7 @@ TEST_F(ConnectionBodyTest, ABodyWithoutConsumerIsReadAndDropped) {
 TEST_F(ConnectionBodyTest, OnlyAPostHasABody) {
   open();
   EXPECT_EQ(exchangeText("PUT / HTTP/1.1\r\nContent-Length: 5\r\n\r\nhello"), "");
-  EXPECT_EQ(connection->state(), State::dispatched);
+  EXPECT_EQ(connection->state(), State::Dispatched);
   EXPECT_TRUE(pieces.empty());
 }
 

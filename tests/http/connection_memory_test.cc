@@ -61,7 +61,7 @@ TEST_F(ConnectionMemoryTest, AnIdleConnectionCostsLittle) {
     runner.calls.clear();
     runner.calls.shrink_to_fit();
     ASSERT_EQ(exchange(request_).status, 200);
-    ASSERT_EQ(connection->state(), State::readRequestLine);
+    ASSERT_EQ(connection->state(), State::ReadRequestLine);
     peers.push_back(std::move(peer));
   }
   runner.calls.clear();

@@ -39,7 +39,7 @@ TEST_F(ConnectionReadTest, ServesARequest) {
   EXPECT_EQ(answer.statusLine, "HTTP/1.1 200 OK");
   EXPECT_EQ(answer.body, "served");
   EXPECT_EQ(uris, std::vector<std::string>{"/x"});
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
 }
 
 TEST_F(ConnectionReadTest, TakesLinesThatEndInABareLineFeed) {
@@ -89,9 +89,9 @@ TEST_F(ConnectionReadTest, KeepsTheHeaderTimerForALineWithoutVersion) {
   exchange("GET /old\r\n");
   ASSERT_NE(parked, nullptr);
   runner.advance(2999);
-  EXPECT_EQ(connection->state(), State::dispatched);
+  EXPECT_EQ(connection->state(), State::Dispatched);
   runner.advance(1);
-  EXPECT_EQ(connection->state(), State::closed);
+  EXPECT_EQ(connection->state(), State::Closed);
   EXPECT_FALSE(peer.ended());
   const auto complete = std::move(parked->onComplete);
   complete();
@@ -132,7 +132,7 @@ TEST_F(HeaderSizeTest, RefusesAHeaderBlockOneByteLarger) {
 TEST_F(ConnectionReadTest, HoldsNoMoreThan4095BytesWithoutTheEndOfTheBlock) {
   open();
   EXPECT_EQ(exchangeText("GET /" + std::string(4090, 'l')), "");
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
   EXPECT_EQ(exchange("l").status, 400);
   EXPECT_FALSE(live());
 }
@@ -293,7 +293,7 @@ class ForwardTest : public ConnectionReadTest {
 
 TEST_F(ForwardTest, TakesTheAddressesFromTheHeader) {
   open(false, true);
-  EXPECT_EQ(connection->state(), State::readForward);
+  EXPECT_EQ(connection->state(), State::ReadForward);
   EXPECT_EQ(exchange(header(4) + plainGet).body, "served");
   EXPECT_EQ(ports, (std::vector<std::uint32_t>{40000, 80, 443}));
   EXPECT_EQ(addresses, (std::vector<std::string>{"fd00::1", "10.0.0.2", "fd00::3"}));
@@ -304,11 +304,11 @@ TEST_F(ForwardTest, TakesTheAddressesFromTheHeader) {
 TEST_F(ForwardTest, WantsTheHeaderBeforeEveryRequest) {
   open(false, true);
   EXPECT_EQ(exchange(header(4) + plainGet).status, 200);
-  EXPECT_EQ(connection->state(), State::readForward);
+  EXPECT_EQ(connection->state(), State::ReadForward);
   EXPECT_EQ(exchange(header(5) + plainGet).status, 200);
   EXPECT_EQ(tag, 0x01020305U);
   EXPECT_EQ(exchangeText(plainGet), "");  // 28 bytes of a forwarding header
-  EXPECT_EQ(connection->state(), State::readForward);
+  EXPECT_EQ(connection->state(), State::ReadForward);
 }
 
 TEST_F(ForwardTest, TakesItCutAnywhere) {

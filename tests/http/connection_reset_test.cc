@@ -101,7 +101,7 @@ TEST_F(ConnectionResetTest, SurvivesAResetDuringTheResponse) {
     openTcp();
     peer.send(get);
     turn();
-    ASSERT_EQ(connection->state(), State::writing);
+    ASSERT_EQ(connection->state(), State::Writing);
     EXPECT_EQ(peer.receive(taken).size(), taken);
     peer.reset();
     turn();

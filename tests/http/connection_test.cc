@@ -75,7 +75,7 @@ TEST_F(ConnectionLifeTest, TheHeaderTimeEndsWithTheBlock) {
   runner.advance(1999);
   exchangeText(get);
   runner.advance(10000);
-  EXPECT_EQ(connection->state(), State::dispatched);
+  EXPECT_EQ(connection->state(), State::Dispatched);
 }
 
 TEST_F(ConnectionLifeTest, TheHeaderTimeBeginsAnewWithEveryRequest) {
@@ -108,18 +108,18 @@ TEST_F(ConnectionLifeTest, AKeptConnectionIsClosedTwoSecondsAfterItsLastResponse
 TEST_F(ConnectionLifeTest, AParkedConnectionIsNotWatchedAndHasAllTheTime) {
   open();
   exchangeText(get);
-  EXPECT_EQ(connection->state(), State::dispatched);
+  EXPECT_EQ(connection->state(), State::Dispatched);
   EXPECT_FALSE(runner.watched(fd));
   runner.advance(86400000);
-  EXPECT_EQ(connection->state(), State::dispatched);
+  EXPECT_EQ(connection->state(), State::Dispatched);
   parked->send("late");
   complete();
-  EXPECT_EQ(connection->state(), State::writing);
+  EXPECT_EQ(connection->state(), State::Writing);
   EXPECT_EQ(runner.mask(fd), tn::writable);
   EXPECT_EQ(runner.trigger(fd), tn::Trigger::cached);
   turn();
   EXPECT_EQ(parseAnswer(peer.receive()).body, "late");
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
   EXPECT_EQ(runner.mask(fd), tn::readable);
 }
 
@@ -152,7 +152,7 @@ TEST_F(ConnectionLifeTest, ASecondCompletionDoesNothing) {
   done();
   turn();
   EXPECT_EQ(parseAnswer(peer.receive()).body, "once");
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
 }
 
 TEST_F(ConnectionLifeTest, ThePeerOfAParkedConnectionIsMissedWhenTheAnswerIsWritten) {
@@ -173,9 +173,9 @@ TEST_F(ConnectionLifeTest, ClosingAParkedConnectionLeavesTheFreeingToItsServlet)
   exchangeText(get);
   parkedRequest->onRequestEnd = [&] { ++ended; };
   connection->close();
-  EXPECT_EQ(connection->state(), State::closed);
+  EXPECT_EQ(connection->state(), State::Closed);
   connection->close();
-  EXPECT_EQ(connection->state(), State::closed);
+  EXPECT_EQ(connection->state(), State::Closed);
   EXPECT_EQ(ended, 0);
   parked->send("for nobody");
   complete();
@@ -190,7 +190,7 @@ TEST_F(ConnectionLifeTest, IsClosedWhenTheRunnerDoesNotTakeItBack) {
   runner.refuseAdds = true;
   parked->send("late");
   complete();
-  EXPECT_EQ(connection->state(), State::writing);
+  EXPECT_EQ(connection->state(), State::Writing);
   runner.advance(2000);
   EXPECT_FALSE(live());
 }

@@ -93,7 +93,7 @@ TEST_P(FileWayTest, SendsAFileAgainAndAgain) {
     EXPECT_EQ(answer.field("content-length"), "12000");
     EXPECT_EQ(answer.body, bytes);
   }
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
 }
 
 TEST_P(FileWayTest, SendsFilesOfEverySize) {
@@ -106,7 +106,7 @@ TEST_P(FileWayTest, SendsFilesOfEverySize) {
     const Answer answer = parseAnswer(receiveSlowly(SIZE_MAX));
     EXPECT_EQ(answer.field("content-length"), std::to_string(length));
     ASSERT_TRUE(answer.body == bytes) << length;
-    EXPECT_EQ(connection->state(), State::readRequestLine);
+    EXPECT_EQ(connection->state(), State::ReadRequestLine);
   }
 }
 
@@ -117,7 +117,7 @@ TEST_P(FileWayTest, SendsToASlowReader) {
   for (int i = 0; i < 2; ++i) {
     peer.send(get);
     EXPECT_TRUE(parseAnswer(receiveSlowly(777)).body == bytes);
-    EXPECT_EQ(connection->state(), State::readRequestLine);
+    EXPECT_EQ(connection->state(), State::ReadRequestLine);
   }
 }
 
@@ -126,13 +126,13 @@ TEST_P(FileWayTest, ASlowReaderHoldsNobodyElse) {
   openNarrow();
   peer.send(get);
   turn();  // returns, so nothing waits
-  EXPECT_EQ(connection->state(), State::writing);
+  EXPECT_EQ(connection->state(), State::Writing);
   Peer slow = std::move(peer);
   Connection* const slowConnection = connection;
   open();
   peer.send(get);
   EXPECT_EQ(parseAnswer(receiveSlowly(SIZE_MAX)).body.size(), size);
-  EXPECT_EQ(slowConnection->state(), State::writing);
+  EXPECT_EQ(slowConnection->state(), State::Writing);
 }
 
 TEST_P(FileWayTest, AReaderThatStopsIsClosedAfterTwoSeconds) {
@@ -192,7 +192,7 @@ TEST_P(FileWayTest, HeadOfAnEmptyFileKeepsTheConnection) {
   dir.write("file", "");
   open();
   EXPECT_EQ(exchange("HEAD / HTTP/1.1\r\nHost: a\r\n\r\n").field("content-length"), "0");
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
 }
 
 TEST_P(FileWayTest, SendsThePartThatIsAskedFor) {
@@ -207,7 +207,7 @@ TEST_P(FileWayTest, SendsThePartThatIsAskedFor) {
     EXPECT_EQ(answer.field("content-length"), std::to_string(length));
     EXPECT_TRUE(answer.body == bytes.substr(first, length)) << range;
   }
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
 }
 
 TEST_P(FileWayTest, HoldsNoDescriptorOfAFileThatWasSent) {
@@ -245,7 +245,7 @@ TEST_F(ConnectionWriteTest, AMappedFileCutShortBeforeTheFirstWriteEndsTheConnect
   open();
   peer.send(get);
   EXPECT_TRUE(runner.ready(fd, tn::readable));
-  ASSERT_EQ(connection->state(), State::writing);
+  ASSERT_EQ(connection->state(), State::Writing);
   ASSERT_EQ(truncate(file.c_str(), 0), 0);
   turn();
   EXPECT_FALSE(live());
@@ -263,7 +263,7 @@ TEST_F(ConnectionWriteTest, NothingIsSentBehindTheEndOfAFileThatWasCutShortWhile
   peer.send(get);
   EXPECT_TRUE(runner.ready(fd, tn::readable));
   EXPECT_TRUE(runner.ready(fd, tn::writable));
-  ASSERT_EQ(connection->state(), State::writing);
+  ASSERT_EQ(connection->state(), State::Writing);
   ASSERT_EQ(truncate(file.c_str(), 1000), 0);
   const Answer answer = parseAnswer(receiveSlowly(SIZE_MAX).substr(filled));
   EXPECT_EQ(answer.field("content-length"), "3000");
@@ -301,7 +301,7 @@ TEST_F(ConnectionWriteTest, WaitsWhenTheSocketTakesNothing) {
   peer.send(get);
   EXPECT_TRUE(runner.ready(fd, tn::readable));
   EXPECT_TRUE(runner.ready(fd, tn::writable));
-  EXPECT_EQ(connection->state(), State::writing);
+  EXPECT_EQ(connection->state(), State::Writing);
   const tn::fakes::FakeRunner::Call told{tn::fakes::FakeRunner::Operation::drained, fd, tn::writable, true};
   EXPECT_EQ(runner.calls.back(), told);
   const std::string all = receiveSlowly(SIZE_MAX);
@@ -332,10 +332,10 @@ TEST_F(ConnectionWriteTest, WritesInTheTurnOfTheRequest) {
   open();
   peer.send(get);
   EXPECT_TRUE(runner.ready(fd, tn::readable));
-  EXPECT_EQ(connection->state(), State::writing);
+  EXPECT_EQ(connection->state(), State::Writing);
   EXPECT_EQ(runner.mask(fd), tn::writable);
   EXPECT_TRUE(runner.ready(fd, tn::writable));
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
   EXPECT_EQ(runner.mask(fd), tn::readable);
 }
 
@@ -354,7 +354,7 @@ TEST_F(ConnectionWriteTest, IgnoresWritabilityWhileItReads) {
   ASSERT_TRUE(runner.changeSocket(fd, tn::readable | tn::writable));
   EXPECT_TRUE(runner.ready(fd, tn::writable));
   EXPECT_EQ(peer.receive(), "");
-  EXPECT_EQ(connection->state(), State::readRequestLine);
+  EXPECT_EQ(connection->state(), State::ReadRequestLine);
 }
 
 }  // namespace

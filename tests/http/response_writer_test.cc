@@ -123,7 +123,7 @@ TEST_F(ResponseWriterTest, AFileOfAnErrorIsNeitherSentNorRemoved) {
   response.file = path;
   response.deleteFile = true;
   build();
-  EXPECT_FALSE(out.file);
+  EXPECT_FALSE(out.fileFd);
   EXPECT_EQ(access(path.c_str(), F_OK), 0);
 }
 
@@ -147,7 +147,7 @@ TEST_F(ResponseWriterTest, WritesAFile) {
   EXPECT_EQ(answer.field("content-length"), "8");
   EXPECT_EQ(answer.field("last-modified"), "Sun, 09 Sep 2001 01:46:40 GMT");
   EXPECT_EQ(out.text, "");
-  EXPECT_TRUE(out.file);
+  EXPECT_TRUE(out.fileFd);
   EXPECT_EQ(out.fileRemaining, 8U);
   EXPECT_EQ(out.fileOffset, 0);
   EXPECT_TRUE(out.keepAlive);
@@ -174,7 +174,7 @@ TEST_F(ResponseWriterTest, AnswersNotFoundForWhatIsNoRegularFile) {
       if (known) rememberFile(path, status);
       response.deleteFile = !known;
       EXPECT_EQ(build().status, 404) << path;
-      EXPECT_FALSE(out.file);
+      EXPECT_FALSE(out.fileFd);
       EXPECT_EQ(access(path.c_str(), F_OK), 0) << "it was removed";
     }
   }
@@ -184,7 +184,7 @@ TEST_F(ResponseWriterTest, HeadOfAFileLetsGoOfItAndKeepsWhatRemains) {
   request.method = Method::head;
   response.sendFile(dir.write("file", "contents"), "text/css", false);
   EXPECT_EQ(build().field("content-length"), "8");
-  EXPECT_FALSE(out.file);
+  EXPECT_FALSE(out.fileFd);
   EXPECT_EQ(out.fileRemaining, 8U);
   EXPECT_TRUE(out.keepAlive);
 }
@@ -195,7 +195,7 @@ TEST_F(ResponseWriterTest, RemovesAFlaggedFileOnceItIsOpen) {
   EXPECT_EQ(build().field("content-length"), "8");
   EXPECT_NE(access(path.c_str(), F_OK), 0);
   std::string bytes(8, '\0');
-  EXPECT_EQ(pread(out.file.get(), bytes.data(), 8, 0), 8);
+  EXPECT_EQ(pread(out.fileFd.get(), bytes.data(), 8, 0), 8);
   EXPECT_EQ(bytes, "contents");
 }
 
@@ -273,7 +273,7 @@ TEST_F(ResponseWriterTest, UsesTheCacheForAFileKnownFromThisRequest) {
   rememberFile(response.file, status);
   const Answer first = build();
   EXPECT_TRUE(out.cached);
-  EXPECT_FALSE(out.file);
+  EXPECT_FALSE(out.fileFd);
   const Answer second = build();
   EXPECT_TRUE(out.cached);
   EXPECT_EQ(out.cached->mapped(), "contents");
@@ -284,7 +284,7 @@ TEST_F(ResponseWriterTest, UsesTheCacheForAFileKnownFromThisRequest) {
 TEST_F(ResponseWriterTest, DoesNotCacheAFileThatNobodyKnows) {
   response.sendFile(dir.write("file", "contents"), "text/css", false);
   build();
-  EXPECT_TRUE(out.file);
+  EXPECT_TRUE(out.fileFd);
   EXPECT_EQ(fileCache().fileCount(), 0U);
 }
 
