@@ -9,7 +9,6 @@
 
 #include "core/process_lifetime.h"
 #include "jsproxy/jsproxy_servlet.h"
-#include "platform/bus/looper.h"
 #include "platform/log.h"
 #include "servlets/dir_servlet.h"
 #include "servlets/index_servlet.h"
@@ -114,10 +113,7 @@ Servlet* Builder::createServlet(std::string_view kind, const xml::Node& node) {
 }
 
 Servlet* Builder::sharedJsProxy() {
-  if (jsProxy_ == nullptr) {
-    jsProxy_ = makeServlet<JsProxyServlet>();
-    tn::getLooper()->addHandler(JsProxyServlet::busHandlerId, *jsProxy_);
-  }
+  if (jsProxy_ == nullptr) jsProxy_ = makeServlet<JsProxyServlet>();
   return jsProxy_;
 }
 

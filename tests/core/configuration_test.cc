@@ -178,9 +178,11 @@ TEST_F(ConfigurationTest, AllTunnelsAreOneServlet) {
 
 TEST_F(ConfigurationTest, TheTunnelIsOnTheBusWhenItIsConfigured) {
   startWith("<server name='web'><servlet type='jsproxy' path='/jsproxy'/></server>");
-  const auto number = bus.request(core_test::serviceManager, 100, 1);
+  tn::message content;
+  content.insert(tn::field::policies, 0U);
+  const auto number = bus.request(core_test::serviceManager, 100, 1, content);
   ASSERT_NE(bus.replyTo(number), nullptr);
-  EXPECT_EQ(told(bus.replyTo(number)->content), "fe0007 unknown command");
+  EXPECT_EQ(told(bus.replyTo(number)->content), "fe0009 0xfe0009");
 }
 
 TEST_F(ConfigurationTest, TheTunnelIsNotOnTheBusOtherwise) {
@@ -188,20 +190,6 @@ TEST_F(ConfigurationTest, TheTunnelIsNotOnTheBusOtherwise) {
   const auto number = bus.request(core_test::serviceManager, 100, 1);
   ASSERT_NE(bus.replyTo(number), nullptr);
   EXPECT_EQ(told(bus.replyTo(number)->content), "fe0006 no such service");
-}
-
-TEST_F(ConfigurationTest, WhatIsNotServedYetAnswers404) {
-  startWith("<server name='web'><servlet type='jsproxy' path='/1'/></server>");
-  for (Servlet* servlet : find("web")->servlets) {
-    for (const Method method : {Method::get, Method::post, Method::options}) {
-      Request request(false, false);
-      request.method = method;
-      Response response;
-      servlet->doMethod(request, response);
-      EXPECT_EQ(response.status, 404);
-      EXPECT_EQ(request.bodyChunk, -1);
-    }
-  }
 }
 
 TEST_F(ConfigurationTest, UnknownKindsArePassedOver) {
