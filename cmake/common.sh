@@ -89,3 +89,14 @@ build_tree() {
   if command -v ccache >/dev/null; then set -- -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "$@"; fi
   cmake -G Ninja -S . -B "$directory" "$@" && ninja -C "$directory" -j "$jobs"
 }
+
+# Makes the web tree in build/web. The packages that it needs are the ones that the lock file names, fetched when that changed.
+build_web() {
+  if ! cmp -s web/package-lock.json web/node_modules/lock; then
+    npm --prefix web ci --ignore-scripts --no-audit --no-fund && cp web/package-lock.json web/node_modules/lock || return 1
+  fi
+  node web/build.mjs build/web
+}
+
+# The packages that this needs; npm may be here without Debian's knowing.
+web_packages() { command -v npm >/dev/null || printf 'nodejs npm'; }

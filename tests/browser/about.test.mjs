@@ -1,4 +1,4 @@
-// The start page in a real browser. TARN_URL is the address of a running server, TARN_SHOTS a folder for pictures.
+// The page about the system in a real browser. TARN_URL is the address of a running server, TARN_SHOTS a folder for pictures.
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
@@ -21,7 +21,7 @@ async function open(look) {
   const context = await browser.newContext(look);
   const page = await context.newPage();
   const troubles = watch(page, origin);
-  await page.goto(origin + '/');
+  await page.goto(origin + '/about.html');
   await page.waitForSelector('html[data-state]');
   return { context, page, troubles };
 }
@@ -37,7 +37,7 @@ for (const look of looks) {
     assert.ok(overflow <= 0, `the page is ${overflow} pixels wider than the window`);
     const height = await page.evaluate(() => document.documentElement.scrollHeight);
     await page.setViewportSize({ width: look.viewport.width, height });
-    await page.screenshot({ path: `${shots}/${look.name}.png` });
+    await page.screenshot({ path: `${shots}/about-${look.name}.png` });
     await context.close();
   });
 }
@@ -57,9 +57,9 @@ test('files that are stored compressed arrive unpacked and working', async () =>
   const { context, page } = await open(looks[0]);
   const rows = await page.$$eval('#file-rows tr', (list) => list.map((row) => [row.cells[0].textContent, row.cells[2].textContent]));
   const form = (name) => rows.find(([path]) => path.endsWith('/' + name))[1];
-  assert.equal(form('style.css'), 'gzip');
-  assert.equal(form('main.js'), 'gzip');
-  assert.equal(form('index.html'), 'plain');
+  assert.equal(form('about-style.css'), 'gzip');
+  assert.equal(form('about.js'), 'gzip');
+  assert.equal(form('about.html'), 'plain');
   assert.equal(form('lake.png'), 'plain');
   assert.equal(await page.evaluate(() => getComputedStyle(document.querySelector('.bar')).position), 'sticky');
   await context.close();
@@ -68,10 +68,10 @@ test('files that are stored compressed arrive unpacked and working', async () =>
 test('what may be kept is named after its content, and the page itself is asked for anew', async () => {
   const { context, page } = await open(looks[0]);
   const kept = await page.getAttribute('link[rel=stylesheet]', 'href');
-  assert.match(kept, /^\/assets\/[0-9a-f]{12}\/style\.css$/);
+  assert.match(kept, /^\/assets\/[0-9a-f]{12}\/about-style\.css$/);
   const style = await context.request.get(origin + kept);
   assert.equal(style.headers()['cache-control'], 'max-age=31536000');
-  const document = await context.request.get(origin + '/');
+  const document = await context.request.get(origin + '/about.html');
   assert.equal(document.headers()['cache-control'], 'no-store');
   await context.close();
 });
@@ -89,7 +89,7 @@ test('the facts of the connection are the real ones', async () => {
 test('the page can be read without script', async () => {
   const context = await browser.newContext({ ...looks[0], javaScriptEnabled: false });
   const page = await context.newPage();
-  await page.goto(origin + '/');
+  await page.goto(origin + '/about.html');
   assert.equal(await page.textContent('h1'), 'The server is up.');
   assert.ok(await page.isVisible('noscript p'));
   await context.close();

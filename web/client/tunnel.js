@@ -1,0 +1,155 @@
+// One session of the server, from its key agreement to its end. It knows nothing of reconnecting: see session.js.
+
+import { bytesToText, join, readU32, textToBytes } from './bytes.js';
+import { flatten, unflattenPayload } from './binary_form.js';
+import { Failure } from './failure.js';
+import { InvalidMessage, maxLength } from './fields.js';
+import { FrameReader, FrameWriter } from './frames.js';
+import { readJson, writeJson } from './json_form.js';
+import { directionCipher, multiply, randomScalar } from './keys.js';
+
+/** @typedef {import('./fields.js').Message} Message */
+/** @typedef {'binary'|'json'} Form  How a message and its answer are written. */
+
+/**
+ * @typedef {object} ExchangeOptions
+ * @property {Form} [form]
+ * @property {number} [timeout]  In ms; 0 waits for as long as the connection stands.
+ * @property {AbortSignal} [signal]  Breaks the request off.
+ * @property {boolean} [keepalive]  Has the browser finish the request when the page goes away.
+ */
+
+// A Content-Type of exactly this says that a body is bytes; anything else says that it is text.
+const binaryType = 'msg';
+const maxBody = 131072;
+
+/** The kind of failure that each HTTP status of the tunnel stands for. */
+const kinds = { 403: 'refused', 410: 'ended', 500: 'gone' };
+
+export class Tunnel {
+  #url;
+  #id;
+  #writer;
+  #reader;
+
+  /**
+   * Agrees on keys with the server.
+   * @param {string|URL} url  Where the tunnel is, for example "/jsproxy".
+   * @param {ExchangeOptions} [options]
+   * @returns {Promise<Tunnel>}
+   * @throws {Failure} of kind unreachable, timeout or malformed.
+   */
+  static async open(url, { timeout = 10000, signal } = {}) {
+    const scalar = randomScalar();
+    const body = join(new Uint8Array(8), multiply(scalar));
+    const answer = textToBytes(await post(url, { form: 'binary', body, timeout, signal }, (response) => response.text()));
+    if (!answer || answer.length !== 40) throw new Failure('malformed', 'the answer to the key exchange is none');
+    const secret = multiply(scalar, answer.subarray(8));
+    if (!secret) throw new Failure('malformed', 'the public value of the server leaves no secret');
+    return new Tunnel(url, readU32(answer, 0), secret);
+  }
+
+  /**
+   * @param {string|URL} url
+   * @param {number} id  The session's id.
+   * @param {Uint8Array} secret  The shared secret.
+   */
+  constructor(url, id, secret) {
+    this.#url = url;
+    this.#id = id;
+    this.#writer = new FrameWriter(id, directionCipher(secret, true));
+    this.#reader = new FrameReader(id, directionCipher(secret, false));
+  }
+
+  /** The number that the server gave this session. */
+  get id() {
+    return this.#id;
+  }
+
+  /**
+   * A frame that proves this session, for the query of a request: its payload names a file.
+   * @param {Uint8Array} payload
+   * @returns {string} percent-encoded
+   * @throws {Failure} of kind gone, when the session is used up.
+   */
+  ticket(payload) {
+    return encodeURIComponent(bytesToText(this.#seal(payload)));
+  }
+
+  /**
+   * Sends a message and returns its answer. Exchanges may overlap; their answers come in any order.
+   * @param {Message} message
+   * @param {ExchangeOptions} [options]
+   * @returns {Promise<Message>}
+   * @throws {Failure} of any kind but service: an error of a service is an answer here.
+   */
+  async exchange(message, { form = 'binary', timeout = 10000, signal, keepalive } = {}) {
+    const frame = this.#seal(form === 'json' ? payloadOf(writeJson, message) : binaryPayload(message));
+    const body = form === 'json' ? bytesToText(frame) : frame;
+    const bytes = await post(this.#url, { form, body, timeout, signal, keepalive }, async (response) =>
+      form === 'json' ? textToBytes(await response.text()) : new Uint8Array(await response.arrayBuffer()),
+    );
+    if (bytes?.length === 0) throw new TooLong();
+    const payload = bytes && this.#reader.open(bytes);
+    if (!payload) throw new Failure('malformed', 'the answer is no frame of this session');
+    try {
+      return form === 'json' ? readJson(payload) : unflattenPayload(payload);
+    } catch (error) {
+      throw new Failure('malformed', `the answer is no message: ${error.message}`);
+    }
+  }
+
+  #seal(payload) {
+    const frame = this.#writer.seal(payload);
+    if (!frame) throw new Failure('gone', 'the keystream of the session is used up');
+    return frame;
+  }
+}
+
+/** The server had an answer and could not send it in the binary form. */
+export class TooLong extends Failure {
+  constructor() {
+    super('malformed', 'the answer is too long for the binary form; ask in the JSON form');
+  }
+}
+
+function payloadOf(write, message) {
+  try {
+    return write(message);
+  } catch (error) {
+    if (error instanceof InvalidMessage) throw new Failure('invalid', error.message);
+    throw error;
+  }
+}
+
+function binaryPayload(message) {
+  const bytes = payloadOf(flatten, message);
+  if (bytes.length > maxLength) throw new Failure('invalid', `the message is longer than ${maxLength} bytes`);
+  bytes[0] = bytes.length >>> 8;
+  bytes[1] = bytes.length;
+  return bytes;
+}
+
+async function post(url, { form, body, timeout, signal, keepalive = false }, read) {
+  const size = typeof body === 'string' ? new TextEncoder().encode(body).length : body.length;
+  if (size > maxBody) throw new Failure('invalid', `the request is longer than ${maxBody} bytes`);
+  const abort = new AbortController();
+  const stop = () => abort.abort();
+  signal?.addEventListener('abort', stop);
+  if (signal?.aborted) stop();
+  let late = false;
+  const timer = timeout > 0 ? setTimeout(() => ((late = true), stop()), timeout) : undefined;
+  try {
+    const headers = { 'Content-Type': form === 'json' ? 'text/plain' : binaryType };
+    const response = await fetch(url, { method: 'POST', headers, body, signal: abort.signal, keepalive, cache: 'no-store' });
+    if (response.status === 200) return await read(response);
+    throw new Failure(kinds[response.status] ?? 'unreachable', `the server answered ${response.status}`, response.status);
+  } catch (error) {
+    if (error instanceof Failure) throw error;
+    if (late) throw new Failure('timeout', `no answer within ${timeout} ms`);
+    throw new Failure('unreachable', signal?.aborted ? 'broken off' : 'the server does not answer');
+  } finally {
+    clearTimeout(timer);
+    signal?.removeEventListener('abort', stop);
+  }
+}
