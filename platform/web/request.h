@@ -8,6 +8,11 @@
 #include "platform/web/headers.h"
 #include "platform/web/ip_addr6.h"
 
+// A macro of the compiler's GNU mode, and the name of a field here.
+#ifdef unix
+#undef unix
+#endif
+
 namespace tn {
 class message;
 }

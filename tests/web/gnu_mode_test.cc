@@ -1,0 +1,16 @@
+// The library's headers in the compiler's GNU mode, which is what a program gets that asks for no other: it has macros
+// of its own, and one of them is the name of a field.
+
+#include <gtest/gtest.h>
+
+#include "platform/web/functions.h"
+#include "platform/web/servlet.h"
+
+namespace {
+
+TEST(GnuMode, ARequestKnowsItsListener) {
+  EXPECT_TRUE(Request(false, true).unix);
+  EXPECT_FALSE(Request(true, false).unix);
+}
+
+}  // namespace
