@@ -12,7 +12,7 @@ using std::chrono::milliseconds;
 
 constexpr char noDirectory[] = "/nonexistent/configuration";
 
-using StartTest = CoreTest;
+class StartTest : public CoreTest {};
 
 // The loop's time stands still until it turns, however long the documents take to read.
 TEST_F(StartTest, TheTimeToAskCountsFromTheEndOfTheReading) {
