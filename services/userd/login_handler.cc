@@ -8,9 +8,9 @@
 #include "platform/log.h"
 #include "platform/web/functions.h"
 #include "platform/web/ip_addr6.h"
+#include "services/common/caller.h"
 #include "services/common/return_address.h"
 #include "services/userd/fields.h"
-#include "services/userd/permission.h"
 
 namespace userd {
 namespace {
@@ -32,7 +32,7 @@ void LoginHandler::handleCmd(tn::message& msg) {
 }
 
 void LoginHandler::logIn(tn::message& msg) {
-  if (!isFromProgram(msg)) return replyError(msg, tn::error::notAllowed, "not allowed");
+  if (!service::isFromProgram(msg)) return replyError(msg, tn::error::notAllowed, "not allowed");
   auto password = takePassword(msg, field::password);
   const auto name = msg.get(field::name);
   if (!name) return replyError(msg, error::badRequest, "the user name (string 1) is missing");

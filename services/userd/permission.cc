@@ -1,10 +1,8 @@
 #include "services/userd/permission.h"
 
-namespace userd {
+#include "services/common/caller.h"
 
-bool isFromProgram(const tn::message& msg) {
-  return !msg.has(tn::field::user) && !msg.has(tn::field::policies);
-}
+namespace userd {
 
 const User* callerOf(const tn::message& msg, const Accounts& accounts) {
   const auto name = msg.get(tn::field::user);
@@ -13,8 +11,7 @@ const User* callerOf(const tn::message& msg, const Accounts& accounts) {
 }
 
 bool may(const tn::message& msg, std::uint32_t right, const Accounts& accounts) {
-  if (isFromProgram(msg)) return true;
-  if ((msg.get(tn::field::policies).value_or(0) & right) == 0) return false;
+  if (!service::holds(msg, right)) return false;
   if (!msg.has(tn::field::user)) return true;
   const User* const caller = callerOf(msg, accounts);
   return caller != nullptr && (accounts.groupOf(*caller).policies & right) != 0;

@@ -7,9 +7,6 @@
 
 namespace userd {
 
-// Whether a message comes from a program of the system itself: no session's mark is on it.
-[[nodiscard]] bool isFromProgram(const tn::message& msg);
-
 // The user of the session that a message came from, who is there and not disabled; null when there is none.
 [[nodiscard]] const User* callerOf(const tn::message& msg, const Accounts& accounts);
 
