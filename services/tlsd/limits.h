@@ -35,5 +35,7 @@ inline constexpr std::size_t recordBytes = 16384;
 // three quarters of it have gone; a server that hears nothing for two seconds takes its peer for dead. So this decides
 // how slow a peer may be.
 inline constexpr int pairQueueBytes = 65536;
+// The same for what the kernel holds for a peer beyond what is on its way.
+inline constexpr int unsentBytes = 131072;
 
 }  // namespace tlsd

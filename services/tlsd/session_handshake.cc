@@ -72,6 +72,8 @@ void Session::openPair() {
   // What is sent is sent in whole answers or blocks: nothing is gained by waiting for more.
   const int on = 1;
   setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  // Nor by a long queue of what is not sent yet: a server that hears nothing for a while takes its peer for dead.
+  setsockopt(socket_.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsentBytes, sizeof unsentBytes);
   ++owner_.counters_.relayed;
   pair_ = std::move(pair.ours);
   enter(Phase::relay);
