@@ -7,7 +7,7 @@ import unittest
 import harness
 import rawhttp
 
-ORDER = ("busd", "sermgr", "www")
+ORDER = ("busd", "sermgr", "userd", "sysd", "tlsd", "www")
 
 
 class Supervised(harness.SystemTest):
