@@ -1,11 +1,11 @@
 #include "servlets/varnox_servlet.h"
 
 #include <array>
-#include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
 #include <string_view>
+#include <unistd.h>
 
 #include "platform/unique_fd.h"
 
@@ -13,31 +13,26 @@ namespace {
 
 constexpr char pluginFolder[] = "/home/web/varnox/";
 constexpr std::string_view suffix = ".info";
-constexpr std::size_t lineRoom = 256;  // with the NUL behind it
+constexpr std::size_t maxLineBytes = 255;
 
 struct CloseFolder {
   void operator()(DIR* folder) const { closedir(folder); }
-};
-struct CloseFile {
-  void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
 bool isDescription(std::string_view name) {
   return !name.starts_with('.') && name.size() > 4 && name.ends_with(suffix);
 }
 
-// A pipe among the files must not hold up the server until somebody writes to it.
-std::unique_ptr<std::FILE, CloseFile> openFile(const std::string& path) {
-  UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  std::unique_ptr<std::FILE, CloseFile> file(fd ? fdopen(fd.get(), "r") : nullptr);
-  if (file) static_cast<void>(fd.release());
-  return file;
-}
-
+// Its line end included when it fits. A pipe among the files must not hold up the server until somebody writes to it.
 void appendFirstLine(std::string& body, const std::string& path) {
-  const auto file = openFile(path);
-  std::array<char, lineRoom> line{};
-  if (file && std::fgets(line.data(), line.size(), file.get()) != nullptr) body.append(line.data());
+  const UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!file) return;
+  std::array<char, maxLineBytes> held{};
+  const ssize_t count = read(file.get(), held.data(), held.size());
+  if (count <= 0) return;
+  std::string_view line(held.data(), static_cast<std::size_t>(count));
+  if (const std::size_t end = line.find('\n'); end != std::string_view::npos) line = line.substr(0, end + 1);
+  body.append(line);
 }
 
 }  // namespace
