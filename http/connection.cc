@@ -155,8 +155,9 @@ void Connection::watch(unsigned mask) {
   runner_.addNonBlocking(fd, mask, [this](int socket, unsigned events) { onSocketEvent(socket, events); });
 }
 
+// The size that the library hands to the operation is the capacity it made, which may be more than was asked for.
 void Connection::setLength(std::size_t length) {
-  buffer_.resize_and_overwrite(length, [](char*, std::size_t size) { return size; });
+  buffer_.resize_and_overwrite(length, [length](char*, std::size_t) { return length; });
 }
 
 void Connection::takeUpWork() {

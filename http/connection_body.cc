@@ -51,7 +51,10 @@ void Connection::pumpBody() {
   }
   fill_ -= static_cast<std::uint32_t>(done);
   std::memmove(buffer_.data(), buffer_.data() + done, fill_);
-  if (fill_ == buffer_.size()) setLength(std::min<std::size_t>(bodyRoom_, 2 * buffer_.size()));
+  // What came with the head may have been more than the room, which holds from now on.
+  if (fill_ == buffer_.size() || buffer_.size() > bodyRoom_) {
+    setLength(std::min<std::size_t>(bodyRoom_, 2 * buffer_.size()));
+  }
 }
 
 // Size of the piece to be delivered of `held` bytes; 0: more must come first.

@@ -200,6 +200,41 @@ TEST_F(ConnectionBodyTest, ExcessBytesOfALaterReadReachNobodyEither) {
   EXPECT_EQ(connection->state(), State::Dispatched);
 }
 
+// A buffer is never wider than the piece that is wanted: what follows the last piece stays in the socket.
+TEST_F(ConnectionBodyTest, ReadsNoFurtherThanThePiece) {
+  const std::string next = "FETCH / HTTP/1.1\r\n\r\n";
+  for (const std::size_t size : {std::size_t{600}, std::size_t{5000}, std::size_t{9000}}) {
+    chunk = static_cast<int>(size);
+    answerAt = 1;
+    pieces.clear();
+    dropSpares();
+    open();
+    exchangeText(head(std::to_string(size)));
+    EXPECT_NE(exchangeText(std::string(size, 'b') + next).find("Error 503: unknown method"), std::string::npos) << size;
+    peer.close();
+    endAllConnections();
+  }
+}
+
+TEST_F(ConnectionBodyTest, ReadsNoFurtherThanThePieceAlsoWhenMuchCameWithTheHead) {
+  for (const int size : {0, 4}) {
+    const std::size_t most = size == 0 ? 4096 : 4;
+    chunk = size;
+    pieces.clear();
+    open();
+    EXPECT_EQ(exchangeText("POST / HTTP/1.1\r\nContent-Length: 99999\r\nA: " + std::string(3950, 'v')), "");
+    EXPECT_EQ(exchangeText("\r\n\r\n" + std::string(4150, 'b')), "");  // more than a piece of either kind
+    for (int reads = 0; reads < 3; ++reads) {
+      peer.send(std::string(5000, 'b'));
+      const std::size_t before = received().size();
+      EXPECT_TRUE(step());
+      EXPECT_LE(received().size() - before, most);
+    }
+    peer.close();
+    endAllConnections();
+  }
+}
+
 TEST_F(ConnectionBodyTest, AnEmptyBodyIsWaitedForUntilTheTimeIsOver) {
   for (const int size : {0, 10}) {
     chunk = size;

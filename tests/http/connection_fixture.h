@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "http/connection.h"
+#include "http/workspace.h"
 #include "platform/log.h"
 #include "tests/fakes/fake_runner.h"
 #include "tests/http/answer.h"
@@ -128,6 +129,12 @@ class ConnectionTest : public testing::Test {
         fd, tn::readable, [&made](int socket, unsigned events) { made.onSocketEvent(socket, events); },
         tn::Trigger::cached));
     made.beginRequest();
+  }
+  // Leaves no memory of earlier connections to those that come.
+  static void dropSpares() {
+    const std::size_t fresh = std::string().capacity();
+    while (takeWorkspace().buffer.capacity() > fresh) {
+    }
   }
   // Further connections, which only count.
   void openOthers(unsigned count) {

@@ -337,6 +337,16 @@ TEST_F(ForwardTest, GrowsTheBufferAlsoBehindAHeader) {
   EXPECT_EQ(parseAnswer(peer.receive()).body, "served");
 }
 
+// 512 bytes less the header, doubled until a line of 3392 bytes and more is a matter of the next read.
+TEST_F(ForwardTest, DoublesWhatTheHeaderHasLeftOfTheBuffer) {
+  dropSpares();
+  open(false, true);
+  std::string bytes = "GET /" + std::string(4187, 'l') + " HTTP/1.1\r\n\r\n";
+  EXPECT_EQ(exchange(header(4) + bytes).status, 200);
+  bytes.insert(5, 3000, 'l');  // what the buffer holds of it in the end fits no more
+  EXPECT_EQ(exchange(header(4) + bytes).status, 400);
+}
+
 TEST_F(ForwardTest, BelongsToTheUnixListenerOfAServerWithoutTlsAlone) {
   open(true, true);
   EXPECT_EQ(exchange(plainGet).status, 200);
