@@ -184,8 +184,8 @@ class Client {
     all += pick({"GET", "HEAD", "POST", "POST", "POST", oneIn(10) ? "FETCH" : "GET"});
     all += " " + pick({"/text", "/take0", "/take1", "/take7", "/take4096", "/take9000", "/early0", "/early5"});
     if (oneIn(4)) all += "?" + std::string(size(), 'q');
-    all += pick({" HTTP/1.1", " HTTP/1.1", " HTTP/1.1", " HTTP/1.0", oneIn(5) ? "" : " HTTP/1.1",
-                 oneIn(10) ? " HTTP/2.0" : " HTTP/1.1"});
+    all += pick({" HTTP/1.1", " HTTP/1.1", " HTTP/1.1", " HTTP/1.0", oneIn(10) ? "" : " HTTP/1.1",
+                 oneIn(20) ? " HTTP/2.0" : " HTTP/1.1"});
     all += lineEnd();
     const std::size_t length = oneIn(3) ? size() : below(40);
     if (!oneIn(4)) all += "Content-Length: " + std::to_string(length) + lineEnd();
@@ -211,7 +211,8 @@ class Client {
   std::string pick(std::initializer_list<const char*> among) { return among.begin()[below(among.size())]; }
   std::string lineEnd() { return oneIn(5) ? "\n" : "\r\n"; }
   std::string field() {
-    return pick({"Connection: close", "Connection: Keep-Alive", "A: b", oneIn(20) ? "no colon" : "C:"}) +
+    return pick({oneIn(5) ? "Connection: close" : "Connection: Keep-Alive", "A: b",
+                 "C:", oneIn(40) ? "no colon" : "D: e"}) +
            (oneIn(3) ? ", " + std::string(size(), 'v') : "");
   }
 
@@ -289,7 +290,7 @@ TEST_P(ConnectionModelTest, TellsTheSameStory) {
     live(seed);
     ASSERT_FALSE(HasFatalFailure()) << "seed " << seed;
   }
-  EXPECT_GT(answers, 500);
+  EXPECT_GT(answers, 300);  // enough of it has been about more than refusals
 }
 
 }  // namespace
