@@ -7,7 +7,7 @@ import unittest
 import harness
 import rawhttp
 
-ORDER = ("busd", "sermgr", "userd", "sysd", "tlsd", "www")
+ORDER = ("busd", "sermgr", "userd", "sysd", "tlsd", "hotspotd", "www")
 
 
 class Supervised(harness.SystemTest):
