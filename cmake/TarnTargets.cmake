@@ -10,7 +10,7 @@ target_link_options(tarn_options INTERFACE -Wl,--gc-sections)
 if(TARN_SANITIZE)
   # The check of virtual tables opens a pipe to look at memory, and reports a fault where tests take all descriptors away.
   target_compile_options(tarn_options INTERFACE -fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all
-    -fno-omit-frame-pointer -g -O1)
+    -fno-omit-frame-pointer)
   target_link_options(tarn_options INTERFACE -fsanitize=address,undefined)
 endif()
 
@@ -37,9 +37,10 @@ endfunction()
 function(tarn_test name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
-  target_link_libraries(${name} PRIVATE tarn_options ${arg_LINK} GTest::gmock_main)
+  target_link_libraries(${name} PRIVATE tarn_test_main ${arg_LINK})
   # What is tested is optimised; the tests themselves are not worth the compiler's time.
-  target_compile_options(${name} PRIVATE -O1)
+  target_compile_options(${name} PRIVATE -O0)
+  target_precompile_headers(${name} REUSE_FROM tarn_test_main)
   if(CMAKE_CROSSCOMPILING)
     target_link_options(${name} PRIVATE -static)
   endif()

@@ -79,8 +79,8 @@ quietly() {
 # The step counter that a build printed last, such as [12/80].
 last_step() { tail -c 4096 "$1" | tr '\r' '\n' | sed -n 's/^\(\[[0-9]*\/[0-9]*\]\).*/\1/p' | tail -n 1; }
 
-# What one tree has compiled serves every other one, wherever it lies.
-export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
+# What one tree has compiled serves every other one, wherever it lies; also what reads the precompiled header of the tests.
+export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=pch_defines,time_macros
 
 # build_tree DIRECTORY [CMAKE-OPTION...]: configures and builds.
 build_tree() {
