@@ -21,6 +21,9 @@ IPV4_MASK = ("u", 2)
 IPV6 = ("a", 3)
 IPV6_LENGTH = ("u", 4)
 
+# What a request is answered that nobody is there to answer: it was understood and forwarded.
+NOBODY_THERE = 502
+
 
 class Listeners(harness.SystemTest):
     documents = TWO_SERVERS
@@ -98,10 +101,17 @@ class Listeners(harness.SystemTest):
         port = harness.free_port()
         self.assertFalse(tarnbus.is_error(self.record(tarnbus.ADD_OBJ, name="guests", port=port)))
         self.system.wait_for_line("www", "adding server guests, ssl=0")
-        with rawhttp.Connection.unix(port) as connection:
-            connection.send(forward_header() + b"GET / HTTP/1.1\r\nConnection: close\r\n\r\n")
-            self.assertEqual(connection.read_response().status, 404)
-        self.assertEqual(rawhttp.get(port, "/").status, 404)
+        service = self.system.bus(id=63, name="hotspot")
+        with rawhttp.Connection.unix(port) as local, rawhttp.Connection.tcp(port) as remote:
+            local.send(forward_header())
+            for connection, unix in ((local, True), (remote, False)):
+                connection.send(b"GET /login HTTP/1.1\r\nConnection: close\r\n\r\n")
+                request = service.receive()
+                self.assertEqual(request.fields[tarnbus.DESTINATION], [15])
+                self.assertEqual((request.command, request.fields["s", 2]), (0x50001, "/login"))
+                self.assertEqual(request.fields.get(("b", 13), False), unix)
+                service.reply(request, {("u", 1): 200, ("s", 30): "welcome"})
+                self.assertEqual(connection.read_response().body, b"welcome")
 
     def test_added_tls_server_has_the_local_listener_alone(self):
         port = harness.free_port()
@@ -179,7 +189,7 @@ class LocalListener(harness.SystemTest):
             for n in range(3):
                 connection.send(forward_header(n))
                 connection.send(b"GET /%d HTTP/1.1\r\n\r\n" % n)
-                self.assertEqual(connection.read_response().status, 404)
+                self.assertEqual(connection.read_response().status, NOBODY_THERE)
             # A request without the header before it: its first 88 bytes are taken for one.
             connection.send(b"GET / HTTP/1.1\r\n\r\n".ljust(88, b"x") + b"nonsense\r\n")
             self.assertEqual(connection.read_response().status, 400)
@@ -188,7 +198,7 @@ class LocalListener(harness.SystemTest):
         with rawhttp.Connection.unix(self.port) as connection:
             for byte in forward_header() + b"GET / HTTP/1.1\r\nConnection: close\r\n\r\n":
                 connection.send(bytes([byte]))
-            self.assertEqual(connection.read_response().status, 404)
+            self.assertEqual(connection.read_response().status, NOBODY_THERE)
 
     def test_half_a_header_is_nothing(self):
         with rawhttp.Connection.unix(self.port) as connection:
