@@ -62,9 +62,12 @@ std::expected<Owned<EVP_PKEY>, std::string> parseKey(std::string_view text) {
   ERR_clear_error();
   Owned<EVP_PKEY> key(PEM_read_bio_PrivateKey(reader.get(), nullptr, refusePassword, nullptr));
   if (key) return key;
-  if (isEndOfText(ERR_peek_last_error())) return std::unexpected("there is no private key in the text");
+  std::string why = takeOpensslError();
+  if (text.find("PRIVATE KEY-----") == std::string_view::npos) {
+    return std::unexpected("there is no private key in the text");
+  }
   if (text.find("ENCRYPTED") != std::string_view::npos) return std::unexpected("the key is locked with a password");
-  return std::unexpected("the key is damaged: " + takeOpensslError());
+  return std::unexpected("the key is damaged: " + why);
 }
 
 Problem checkCurve(const EVP_PKEY* key) {

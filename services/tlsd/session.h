@@ -107,7 +107,8 @@ class Session {
   Block down_;                     // from the server to the peer
   bool peerEnded_ = false;         // close_notify has come
   bool serverEnded_ = false;       // it writes no more
-  bool serverGone_ = false;        // nor does it read
+  bool serverDeaf_ = false;        // it reads no more
+  bool serverGone_ = false;        // neither: what it wrote is all there will be
   bool serverFailed_ = false;      // it was cut off
   bool upShut_ = false;            // the server was told of the peer's end
   bool endSent_ = false;           // and the peer of the server's

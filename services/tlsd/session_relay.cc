@@ -17,7 +17,7 @@ void Session::relaySocket(unsigned events) {
 
 void Session::onPair(unsigned events) {
   stream_->refresh();
-  if ((events & tn::hangUp) != 0) serverGone_ = true;
+  if ((events & tn::hangUp) != 0) serverGone_ = serverDeaf_ = true;
   if ((events & tn::readable) != 0) pumpDown();
   if (relaying() && (events & tn::writable) != 0) pumpUp();
   settleRelay();
@@ -70,7 +70,7 @@ bool Session::fillUp() {
 // True: nothing is left.
 bool Session::flushUp() {
   while (!up_.empty()) {
-    if (serverGone_) {
+    if (serverDeaf_) {
       up_.clear();
       return true;
     }
@@ -83,7 +83,7 @@ bool Session::flushUp() {
       owner_.runner_.drained(pair_.get(), tn::writable);
       return false;
     } else {
-      serverGone_ = true;
+      serverDeaf_ = true;
     }
   }
   return true;
@@ -168,8 +168,8 @@ void Session::settleRelay() {
     upShut_ = true;
   }
   if (endSent_ && upShut_) return finish();
-  if (endSent_ && serverGone_) return startLinger();
-  if (serverGone_ && serverEnded_ && phase_ == Phase::relay) enter(Phase::draining);
+  if (endSent_ && serverDeaf_) return startLinger();
+  if (serverGone_ && phase_ == Phase::relay) enter(Phase::draining);
 
   const bool reads = !peerEnded_ && up_.empty() && !readWaitsForRoom_;
   const bool writes = !down_.empty() || (serverEnded_ && !endSent_) || readWaitsForRoom_;
