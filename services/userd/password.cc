@@ -10,10 +10,10 @@
 namespace userd {
 namespace {
 
-// yescrypt at the library's own cost. What stands between this and the salt says so in every hash.
+// yescrypt, 16 MiB. What every hash of this cost begins with says so.
 constexpr char method[] = "$y$";
 constexpr std::string_view madePrefix = "$y$j9T$";
-constexpr unsigned long ownCost = 0;
+constexpr unsigned long cost = 5;
 
 // The library's work space, which holds traces of the password afterwards.
 class WorkSpace {
@@ -56,7 +56,7 @@ std::optional<std::string> checkNewPassword(std::string_view text) {
 
 std::optional<std::string> hashPassword(const Secret& password) {
   std::array<char, CRYPT_GENSALT_OUTPUT_SIZE> setting{};
-  if (crypt_gensalt_rn(method, ownCost, nullptr, 0, setting.data(), static_cast<int>(setting.size())) == nullptr) {
+  if (crypt_gensalt_rn(method, cost, nullptr, 0, setting.data(), static_cast<int>(setting.size())) == nullptr) {
     return std::nullopt;
   }
   WorkSpace space;
