@@ -15,8 +15,9 @@ int main() {
   tn::Looper looper(tn::Looper::Tuning{});
   WebServer server;
   looper.addHandler(controlHandlerId, server);
-  // A peer that has gone shows itself as a failed write.
+  // A peer that has gone shows itself as a failed write, and so does a file that may not grow.
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
   server.start(configDirectory);
   looper.run();
   endAllConnections();

@@ -55,7 +55,10 @@ std::optional<tn::message> parse(const std::string& payload, Form form) {
 }  // namespace
 
 void JsProxyServlet::doPost(Request& request, Response& response) {
-  if (subPath(request).empty()) return acceptMessage(request, response);
+  const std::string_view path = subPath(request);
+  if (path.empty()) return acceptMessage(request, response);
+  if (path == "upload") return beginUpload(request, response);
+  if (path == "put") return beginPut(request, response);
   refuse(response, 404);
 }
 

@@ -50,6 +50,9 @@ class JsProxyServlet : public Servlet, public tn::Handler {
 
   // Serves what lies below its path as well: uploads and files have paths of their own there.
   bool isDirectory() override;
+  // A file of the user's store, whose name is a frame in the query.
+  void doGet(Request& request, Response& response) override;
+  // A message; below "upload" and "put" a file for the user's store.
   void doPost(Request& request, Response& response) override;
 
   // A message of a service for one of the sessions; the reply to a post.
@@ -72,6 +75,13 @@ class JsProxyServlet : public Servlet, public tn::Handler {
   void takeBody(std::string_view body, Form form, Request& request, Response& response);
   void exchangeKeysWith(std::span<const std::uint8_t> bytes, const Request& request, Response& response);
   void dispatch(JsSession& session, tn::message msg, Form form, Request& request, Response& response);
+
+  // jsproxy_files.cc: files of the user's store
+  [[nodiscard]] JsSession* openQuery(const Request& request, int tooShortStatus, std::string& payload,
+                                     Response& response);
+  [[nodiscard]] JsSession* writingSession(const Request& request, std::string& payload, Response& response);
+  void beginUpload(Request& request, Response& response);
+  void beginPut(Request& request, Response& response);
 
   // jsproxy_relay.cc: from a message to its answer
   void login(JsSession& session, tn::message msg, Form form, Request& request, Response& response);

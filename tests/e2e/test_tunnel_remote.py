@@ -95,6 +95,27 @@ class Remote(tunnelbox.TunnelTest):
             self.expect_trouble(2, ".*tn-remote --help tells more", *arguments)
         self.expect_trouble(1, "ftp://x is no address", "ftp://x", "login")
 
+    def test_files(self):
+        self.login_service.behave = lambda bus, message: bus.reply(message, tunnelbox.grant(0xffffffff & ~0x4000))
+        folder = self.system.folder
+        content = os.urandom(300000)
+        (folder / "data").write_bytes(content)
+        self.expect(0, "", self.url, "put", folder / "data")
+        self.expect(0, "", self.url, "upload", folder / "data", "folder/by form")
+        for name in ("data", "folder/by form"):
+            self.assertEqual(self.system.path("/rw/disk/" + name).read_bytes(), content)
+            self.expect(0, "", self.url, "get", name, folder / "back")
+            self.assertEqual((folder / "back").read_bytes(), content)
+        self.system.write("/rw/disk/text", "a text\n")
+        self.expect(0, "a text\n", self.url, "get", "text", "-")
+        self.expect_trouble(1, "there is no such file$", self.url, "get", "none", folder / "none")
+        self.expect_trouble(1, "not allowed$", self.url, "get", "x.key", folder / "none")
+        self.expect_trouble(1, "not allowed$", self.url, "put", folder / "data", "../x")
+        self.expect_trouble(1, "not allowed$", self.url, "upload", folder / "data", "../x")
+        self.expect_trouble(2, ".*No such file", self.url, "put", "/no such file")
+        self.expect_trouble(2, ".*No such file", self.url, "get", "data", "/no such folder/x")
+        self.assertEqual([name for name in os.listdir(folder) if name.endswith(".part") or name == "none"], [])
+
     def test_help(self):
         done = self.run_program("--help")
         self.assertEqual(done.returncode, 0)

@@ -12,7 +12,9 @@ stand between the two.
 
 import hashlib
 import http.client
+import itertools
 import os
+import shutil
 import threading
 import time
 import urllib.parse
@@ -205,13 +207,16 @@ class Tunnel:
                 connection.close()
         return self._class(*self._address, timeout=timeout)
 
-    def request(self, method, target, body=None, headers=None, timeout=None):
-        """One request; status, headers and body of its answer."""
+    def request(self, method, target, body=None, headers=None, timeout=None, out=None):
+        """One request; status, headers and body of its answer. With `out`, the body of a good answer is written there
+        as it comes and not kept."""
         timeout = self.timeout if timeout is None else timeout
         connection = self._take_connection(timeout)
         try:
-            connection.request(method, target, body, headers or {})
-            response = connection.getresponse()
+            response = self._ask(connection, method, target, body, headers or {})
+            if out is not None and response.status == 200:
+                shutil.copyfileobj(response, out)
+                self._require_whole(response)
             result = response.status, response.headers, response.read()
         except TimeoutError:
             connection.close()
@@ -226,6 +231,20 @@ class Tunnel:
             with self._lock:
                 self._idle.append((connection, time.monotonic()))
         return result
+
+    @staticmethod
+    def _ask(connection, method, target, body, headers):
+        try:
+            connection.request(method, target, body, headers)
+        except (BrokenPipeError, ConnectionResetError):
+            # Whoever answers before the whole body was sent does not take the rest.
+            pass
+        return connection.getresponse()
+
+    @staticmethod
+    def _require_whole(response):
+        if response.length:
+            raise http.client.IncompleteRead(b"", response.length)
 
     def _post(self, body, binary, timeout=None):
         content_type = "msg" if binary else "text/plain"
@@ -330,3 +349,43 @@ class Tunnel:
             return
         self.logged_in = False
         self.exchange({messages.COMMAND: END_OF_SESSION})
+
+    # Files of the user's store
+
+    def query(self, payload=b""):
+        """A frame as the query of a request: it says which session asks, and which file is meant."""
+        if not self.id:
+            self.connect()
+        return "?" + urllib.parse.quote_from_bytes(bytes_to_text(self.frame(payload)), safe="")
+
+    def _expect(self, status, wanted):
+        if status == wanted:
+            return
+        reasons = {403: "not allowed", 404: "there is no such file", 400: "the box did not understand the upload",
+                   507: "the store is full"}
+        kind = Refused if status in reasons else SessionLost
+        raise kind(reasons.get(status, f"the box answered {status}"))
+
+    def get(self, name, out):
+        """Writes a file of the store to a binary file object."""
+        status, _, _ = self.request("GET", self.path + self.query(messages.to_bytes(name)), out=out)
+        self._expect(status, 200)
+
+    def put(self, name, file, length):
+        """Stores `length` bytes of a binary file object under a name."""
+        target = f"{self.path}/put{self.query(messages.to_bytes(name))}"
+        status, _, _ = self.request("POST", target, file, {"Content-Length": str(length)})
+        self._expect(status, 200)
+
+    def upload(self, name, file, length):
+        """The same as a browser's form does it."""
+        boundary = os.urandom(16).hex()
+        disposition = f'form-data; name="file"; filename="{name}"'
+        begin = messages.to_bytes(f"--{boundary}\r\nContent-Disposition: {disposition}\r\n"
+                                  "Content-Type: application/octet-stream\r\n\r\n")
+        end = f"\r\n--{boundary}--\r\n".encode()
+        headers = {"Content-Type": f"multipart/form-data; boundary={boundary}",
+                   "Content-Length": str(len(begin) + length + len(end))}
+        body = itertools.chain([begin], iter(lambda: file.read(65536), b""), [end])
+        status, _, _ = self.request("POST", f"{self.path}/upload{self.query()}", body, headers)
+        self._expect(status, 303)
