@@ -10,6 +10,7 @@
 #include "core/server_record.h"
 #include "platform/bus/looper.h"
 #include "platform/log.h"
+#include "platform/policies.h"
 
 namespace {
 
@@ -26,6 +27,15 @@ constexpr std::array<std::uint32_t, 1> hotspotPath{63};
 
 tn::message noSuchService() {
   return tn::errorMsg(tn::error::noSuchService, "no such service");
+}
+
+// Services may change servers, and so may a browser's session whose user has the right to change settings.
+bool mayChange(const tn::message& msg) {
+  return tn::policies::holds(msg, tn::policies::changeSettings);
+}
+
+tn::message notAllowed() {
+  return tn::errorMsg(tn::error::notAllowed, "not allowed");
 }
 
 }  // namespace
@@ -67,6 +77,7 @@ void WebServer::askService(std::span<const std::uint32_t> path) {
 }
 
 tn::message WebServer::cmdSet(tn::message& msg) {
+  if (!mayChange(msg)) return notAllowed();
   const std::string_view name = serverName(msg);
   if (ServerEntry* entry = findServer(name)) return applyServer(*entry, msg);
   logLine("failed to set server ", name, ": unknown server");
@@ -74,6 +85,7 @@ tn::message WebServer::cmdSet(tn::message& msg) {
 }
 
 tn::message WebServer::cmdAddObj(tn::message& msg) {
+  if (!mayChange(msg)) return notAllowed();
   const std::string_view name = serverName(msg);
   ServerEntry* entry = findServer(name);
   // A record without a name makes no server: nobody meant one whose name is empty.
@@ -83,6 +95,7 @@ tn::message WebServer::cmdAddObj(tn::message& msg) {
 }
 
 tn::message WebServer::cmdRemoveObj(tn::message& msg, std::uint32_t /*object*/) {
+  if (!mayChange(msg)) return notAllowed();
   const std::string_view name = serverName(msg);
   ServerEntry* entry = findServer(name);
   if (entry == nullptr) {

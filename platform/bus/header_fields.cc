@@ -36,6 +36,14 @@ bool is_allowed(const message& msg) {
   return msg.get(field::policies).value_or(1) != 0;
 }
 
+bool isOfSystem(const message& msg) {
+  return !msg.has(field::policies) && !msg.has(field::user);
+}
+
+bool holds(const message& msg, std::uint32_t right) {
+  return isOfSystem(msg) || (msg.get(field::policies).value_or(0) & right) != 0;
+}
+
 }  // namespace policies
 
 }  // namespace tn

@@ -112,6 +112,12 @@ class Looper : public Handler {
 namespace policies {
 // Whether a message may do what needs a policy: its policies field is absent (a neighbour on the box) or not 0.
 [[nodiscard]] bool is_allowed(const message& msg);
+// Whether a message comes from a program of the system itself: it has neither the policies nor the user that the tunnel
+// puts into every message of a session.
+[[nodiscard]] bool isOfSystem(const message& msg);
+// Whether the sender has a right, a bit of platform/policies.h. Programs of the system have all; a session has those in
+// the policies of its login.
+[[nodiscard]] bool holds(const message& msg, std::uint32_t right);
 }  // namespace policies
 
 }  // namespace tn

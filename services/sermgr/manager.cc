@@ -6,6 +6,7 @@
 
 #include "platform/bus/looper.h"
 #include "platform/log.h"
+#include "platform/policies.h"
 #include "services/common/return_address.h"
 
 namespace sermgr {
@@ -16,6 +17,10 @@ constexpr tn::message_array_id allRecords{1};
 // Copies the name: it must survive the message.
 std::string nameOf(const tn::message& msg) {
   return std::string(msg.get(field::name).value_or(std::string_view()));
+}
+
+tn::message notAllowed() {
+  return tn::errorMsg(tn::error::notAllowed, "not allowed");
 }
 
 }  // namespace
@@ -68,12 +73,14 @@ void Manager::handleCmd(tn::message& msg) {
 }
 
 tn::message Manager::cmdGet(tn::message& msg) {
+  if (!tn::policies::holds(msg, tn::policies::read)) return notAllowed();
   const auto found = entries_.find(nameOf(msg));
   if (found == entries_.end()) return tn::errorMsg(tn::error::noSuchService, "no such service");
   return describe(found->second);
 }
 
-tn::message Manager::cmdGetAll(tn::message& /*msg*/) {
+tn::message Manager::cmdGetAll(tn::message& msg) {
+  if (!tn::policies::holds(msg, tn::policies::read)) return notAllowed();
   std::vector<tn::message> records;
   records.reserve(entries_.size());
   for (const auto& [name, entry] : entries_)
@@ -84,7 +91,8 @@ tn::message Manager::cmdGetAll(tn::message& /*msg*/) {
 }
 
 void Manager::change(const tn::message& msg, Change make) {
-  if (!isAllowed(msg)) return replyError(msg, tn::error::notAllowed, "not allowed");
+  if (!tn::policies::holds(msg, tn::policies::changeSettings))
+    return replyError(msg, tn::error::notAllowed, "not allowed");
   if (changes_ == maxChanges) return replyError(msg, error::tooManyChanges, "too many changes at once");
   const std::string name = nameOf(msg);
   if (const auto problem = checkName(name)) return replyError(msg, error::badRecord, *problem);
@@ -164,7 +172,7 @@ void Manager::linked() {
 // The asker is answered with commands to its handler 1. What it says to them counts for the records' state only if it
 // is a server: anybody may ask.
 void Manager::giveAll(const tn::message& request) {
-  if (!isAllowed(request)) return replyError(request, tn::error::notAllowed, "not allowed");
+  if (!tn::policies::isOfSystem(request)) return replyError(request, tn::error::notAllowed, "not allowed");
   reply(request, {});
   const auto sender = request.get(tn::field::sender);
   if (!sender || sender->empty() || !askers_.insert(sender->front()).second) return;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/policies.h"
 #include "tests/bus/handler_fixture.h"
 
 namespace tn {
@@ -271,6 +272,23 @@ TEST(HeaderFieldsTest, APoliciesFieldOfZeroForbids) {
   EXPECT_FALSE(policies::is_allowed(msg));
   msg.insert(field::policies, 0x10U);
   EXPECT_TRUE(policies::is_allowed(msg));
+}
+
+TEST(HeaderFieldsTest, ProgramsHaveEveryRightAndSessionsThoseOfTheirPolicies) {
+  message msg;
+  EXPECT_TRUE(policies::isOfSystem(msg));
+  EXPECT_TRUE(policies::holds(msg, policies::changeSettings));
+  msg.insert(field::policies, policies::read);
+  EXPECT_FALSE(policies::isOfSystem(msg));
+  EXPECT_FALSE(policies::holds(msg, policies::changeSettings));
+  EXPECT_TRUE(policies::holds(msg, policies::read));
+}
+
+TEST(HeaderFieldsTest, AUserWithoutPoliciesHasNoRights) {
+  message msg;
+  msg.insert(field::user, "guest");
+  EXPECT_FALSE(policies::isOfSystem(msg));
+  EXPECT_FALSE(policies::holds(msg, policies::read));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include "platform/policies.h"
 #include "servlets/remote_servlet.h"
 #include "tests/core/core_test.h"
 #include "tests/core/descriptor_limit.h"
@@ -491,6 +492,21 @@ TEST_F(WebServerTest, ADestroyedServerAsksNothing) {
   loop.advance(1000);
   EXPECT_THAT(log.takeLines(), IsEmpty());
   EXPECT_THAT(bus.sent, IsEmpty());
+}
+
+TEST_F(WebServerTest, ASessionNeedsTheRightToChangeSettings) {
+  addConfigured("web");
+  for (const std::uint32_t command :
+       {tn::command::set, tn::command::addObj, tn::command::removeObj, 0x30001U, 0x30002U}) {
+    tn::message record = disabledRecord("web");
+    record.insert(tn::field::user, "guest");
+    record.insert(tn::field::policies, ~tn::policies::changeSettings);
+    EXPECT_EQ(told(call(command, record)), "fe0009 not allowed");
+    EXPECT_FALSE(server.settingsReceived);
+    record.insert(tn::field::policies, tn::policies::changeSettings);
+    EXPECT_EQ(told(call(command, record)), "ok");
+    server.settingsReceived = false;
+  }
 }
 
 }  // namespace

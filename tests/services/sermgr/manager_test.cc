@@ -461,7 +461,7 @@ TEST_F(ManagerTest, LetsOnlyThoseChangeWhoMay) {
   EXPECT_EQ(answerTo(ask(sermgr::command::askRecords, "{uff000b:0}")), refusal);
   EXPECT_EQ(questions(), 0U);
   EXPECT_THAT(records(), ElementsAre("http on 8080", "https on 8443"));
-  EXPECT_EQ(answerTo(ask(tn::command::set, "{s1:'http',u2:1,uff000b:1}")), "none");
+  EXPECT_EQ(answerTo(ask(tn::command::set, "{s1:'http',u2:1,uff000b:0x100}")), "none");
   EXPECT_THAT(records(), ElementsAre("http on 1", "https on 8443"));
 }
 
@@ -521,6 +521,19 @@ TEST_F(ManagerTest, EndsWithAnswersUnderWay) {
   ask(tn::command::set, "{s1:'http',u2:8082}");
   beginAgain();
   EXPECT_THAT(records(), ElementsAre("http on 8082", "https on 8443"));
+}
+
+TEST_F(ManagerTest, ASessionSeesAndChangesWhatItsPoliciesPermit) {
+  const std::string guest = "sff000a:'guest',uff000b:0x10";
+  const std::string nobody = "sff000a:'guest',uff000b:0x40";
+  EXPECT_THAT(answerTo(ask(tn::command::getAll, "{" + guest + "}")), testing::StartsWith("{M1:"));
+  EXPECT_EQ(answerTo(ask(tn::command::getAll, "{" + nobody + "}")), "fe0009 not allowed");
+  EXPECT_EQ(answerTo(ask(tn::command::get, "{s1:'http'," + nobody + "}")), "fe0009 not allowed");
+  EXPECT_EQ(answerTo(ask(tn::command::set, "{s1:'http',u2:81," + guest + "}")), "fe0009 not allowed");
+  EXPECT_EQ(answerTo(ask(tn::command::removeObj, "{s1:'http'," + guest + "}")), "fe0009 not allowed");
+  EXPECT_EQ(answerTo(ask(0x30003, "{sff000a:'owner',uff000b:0xffffffff}")), "fe0009 not allowed");
+  const std::uint32_t change = ask(tn::command::set, "{s1:'http',u2:81,sff000a:'owner',uff000b:0x100}");
+  EXPECT_EQ(answerTo(change), "none");  // until the servers have been told
 }
 
 }  // namespace
