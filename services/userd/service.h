@@ -28,7 +28,7 @@ inline constexpr std::uint32_t loginHandlerId = 4;
 class Service {
  public:
   // Between two attempts to open the accounts.
-  static constexpr std::uint32_t retryMs = 5000;
+  static constexpr std::uint32_t retryMs = 1000;
 
   struct Settings {
     std::string databasePath;
