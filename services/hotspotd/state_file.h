@@ -43,7 +43,7 @@ struct State {
 // What a machine that was never configured starts with; the code is a new one each time.
 [[nodiscard]] State defaultState();
 
-// The state as a small text file (docs/forwarded-requests.md). It is replaced as a whole, so that a machine that loses
+// The state as a small text file (docs/hotspot.md). It is replaced as a whole, so that a machine that loses
 // its power has the old or the new one.
 class StateFile {
  public:
