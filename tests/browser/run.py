@@ -1,31 +1,74 @@
 #!/usr/bin/env python3
-"""tests/browser/run.py BUILD SHOTS: runs the browser tests against a system of their own, started from a build.
+"""tests/browser/run.py BUILD SHOTS [SUITE...]: runs the tests of the browser's side, each suite against a system of its own.
 
-Pictures of the page are left in the folder SHOTS. `npm ci` must have been run in this folder.
+Pictures of the pages are left in the folder SHOTS. `npm ci` must have been run in this folder and in web/, and the web
+tree must have been built. The suites run beside each other; the status is 0 when all of them passed.
 """
 
+import concurrent.futures
 import os
 import subprocess
 import sys
+import tempfile
+import time
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
+# How long a suite may take before it counts as hung, in seconds.
+PATIENCE = 300
 sys.path.insert(0, str(HERE.parent / "e2e"))
 
-import harness  # noqa: E402 - found by the line above
+import box  # noqa: E402 - found by the line above
+
+# Each suite: the files of its tests and the system that they want.
+SUITES = {
+    "idle": ("idle.test.mjs", box.Box),
+    "faults": ("faults.test.mjs", box.Box),
+    "interface": ("interface.test.mjs", box.Box),
+    "library": ("library.test.mjs", box.Box),
+    "about": ("about.test.mjs", box.BareBox),
+    "client": ("client", None),
+}
+
+
+def run_suite(name, shots):
+    """Runs one suite; its status and what it printed."""
+    files, make_system = SUITES[name]
+    environment = os.environ | {"TARN_SHOTS": str(shots)}
+    system = None
+    try:
+        if make_system:
+            system = make_system()
+            environment |= system.environment()
+        with tempfile.TemporaryFile("w+") as output:
+            process = subprocess.run(["node", "--test", files], cwd=HERE, env=environment, stdout=output,
+                                     stderr=subprocess.STDOUT, check=False, timeout=PATIENCE)
+            output.seek(0)
+            return process.returncode, output.read()
+    except (AssertionError, subprocess.TimeoutExpired) as trouble:
+        return 1, f"{trouble}\n"
+    finally:
+        if system:
+            system.close()
 
 
 def main():
     build, shots = (Path(argument).resolve() for argument in sys.argv[1:3])
     shots.mkdir(parents=True, exist_ok=True)
     os.environ["TARN_BUILD"] = str(build)
-    system = harness.System()
-    try:
-        port = system.serve()
-        environment = os.environ | {"TARN_URL": f"http://127.0.0.1:{port}/", "TARN_SHOTS": str(shots)}
-        return subprocess.run(["node", "--test"], cwd=HERE, env=environment, check=False).returncode
-    finally:
-        system.close()
+    names = sys.argv[3:] or list(SUITES)
+    failed = []
+    began = time.monotonic()
+    with concurrent.futures.ThreadPoolExecutor(len(names)) as pool:
+        runs = {pool.submit(run_suite, name, shots): name for name in names}
+        for run in concurrent.futures.as_completed(runs):
+            status, output = run.result()
+            print(f"== {runs[run]}: {'passed' if status == 0 else 'FAILED'} after {time.monotonic() - began:.0f} s\n{output}",
+                  flush=True)
+            if status != 0:
+                failed.append(runs[run])
+    print("failed: " + ", ".join(failed) if failed else "all suites passed")
+    return 1 if failed else 0
 
 
 if __name__ == "__main__":

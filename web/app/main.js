@@ -88,9 +88,8 @@ function route() {
   const wanted = location.hash.replace(/^#\//, '');
   const entry = list.find((page) => page.name === wanted) ?? list[0];
   showTabs(list, entry);
-  if (shown?.entry === entry) return;
+  if (shown && shown.entry === entry) return;
   closePage();
-  setText(byId('page'), '');
   if (!entry) {
     view.append(h('p', { class: 'empty' }, 'Your group may not see anything here. An administrator can change that.'));
     return;
@@ -108,6 +107,7 @@ function showTabs(list, current) {
 function closePage() {
   shown?.page.stop();
   shown = null;
+  view.replaceChildren();
 }
 
 session.onState(onState);

@@ -23,6 +23,11 @@ export class FrameWriter {
     this.#position = position;
   }
 
+  /** Where the next frame begins. */
+  get position() {
+    return this.#position;
+  }
+
   /**
    * @param {Uint8Array} payload
    * @returns {Uint8Array|null} The frame; null when the positions are used up and a new session is needed.

@@ -65,7 +65,7 @@ const serverKeeps = 60000;
 const firstPause = 500;
 const longestPause = 10000;
 // While the machine starts, its user service may come last, and a login is refused until then.
-const refusalsBelieved = 5;
+const refusalsBelieved = 4;
 
 export class Session {
   #url;
@@ -227,8 +227,10 @@ export class Session {
     this.#setState({ name: 'online', account, renewed });
     if (this.#tunnel !== tunnel) return;
     clearInterval(this.#watch);
-    this.#watch = setInterval(() => this.#askWhenSilent(), watchInterval);
-    if (this.#keepAlive) this.#poll(tunnel);
+    if (this.#keepAlive) {
+      this.#watch = setInterval(() => this.#askWhenSilent(), watchInterval);
+      this.#poll(tunnel);
+    }
     for (const subscription of this.#subscriptions.values()) subscription.activate();
   }
 
@@ -265,11 +267,23 @@ export class Session {
     if (this.#state.name !== 'online') return { error: this.#offline() };
     const tunnel = this.#tunnel;
     try {
-      const reply = await tunnel.exchange(message, { form: this.#form, ...options });
+      const reply = await this.#exchange(tunnel, message, { form: this.#form, ...options });
       this.#heard = Date.now();
       return 'uff0022' in reply ? { error: new Failure('service', reply.sff0023 ?? '', reply.uff0022) } : { reply };
     } catch (error) {
       return { error: this.#noticed(tunnel, error, options.signal) };
+    }
+  }
+
+  // A frame that was overtaken by too many others is not looked at, and may be sent again. Whether it was that, or the session
+  // is gone, tells a question to the server.
+  async #exchange(tunnel, message, options) {
+    try {
+      return await tunnel.exchange(message, options);
+    } catch (error) {
+      if (!(error instanceof Failure) || error.kind !== 'gone') throw error;
+      await tunnel.exchange(ping, { timeout: pingPatience });
+      return tunnel.exchange(message, options);
     }
   }
 
@@ -279,7 +293,7 @@ export class Session {
     while (this.#tunnel === tunnel && !polling.signal.aborted) {
       try {
         const options = { form: this.#pollForm, timeout: 0, signal: polling.signal };
-        this.#dispatch(await tunnel.exchange({}, options));
+        this.#dispatch(await this.#exchange(tunnel, {}, options));
       } catch (error) {
         if (polling.signal.aborted) return;
         if (!this.#isTooLong(error)) {

@@ -26,11 +26,22 @@ const maxBody = 131072;
 /** The kind of failure that each HTTP status of the tunnel stands for. */
 const kinds = { 403: 'refused', 410: 'ended', 500: 'gone' };
 
+// Frames overtake each other on their connections, and the server does not wait for one that was overtaken by more than 65535
+// bytes. So no frame is sent that would reach further beyond the oldest one on its way; what is on its way for longer than
+// this, in ms, has arrived and waits for its answer: a connection that finds no room at the server is tried again by the system
+// after one and three seconds.
+const reach = 65000;
+const onTheWay = 4000;
+
 export class Tunnel {
   #url;
   #id;
   #writer;
   #reader;
+  // Where the frames begin that are on their way, the oldest first; and who waits for that to change.
+  #departed = [];
+  #queue = Promise.resolve();
+  #arrival = () => {};
 
   /**
    * Agrees on keys with the server.
@@ -42,7 +53,13 @@ export class Tunnel {
   static async open(url, { timeout = 10000, signal } = {}) {
     const scalar = randomScalar();
     const body = join(new Uint8Array(8), multiply(scalar));
-    const answer = textToBytes(await post(url, { form: 'binary', body, timeout, signal }, (response) => response.text()));
+    const ask = () => post(url, { form: 'binary', body, timeout, signal }, (response) => response.text());
+    // A connection that was kept may have been closed by the server just now, which not every client sees in time.
+    const text = await ask().catch((failure) => {
+      if (failure.kind !== 'unreachable' || failure.code || signal?.aborted) throw failure;
+      return ask();
+    });
+    const answer = textToBytes(text);
     if (!answer || answer.length !== 40) throw new Failure('malformed', 'the answer to the key exchange is none');
     const secret = multiply(scalar, answer.subarray(8));
     if (!secret) throw new Failure('malformed', 'the public value of the server leaves no secret');
@@ -81,19 +98,58 @@ export class Tunnel {
    * @param {Message} message
    * @param {ExchangeOptions} [options]
    * @returns {Promise<Message>}
-   * @throws {Failure} of any kind but service: an error of a service is an answer here.
+   * @throws {Failure} of any kind but service: an error of a service is an answer here. `gone` also says that the frame came
+   *     too late and was not looked at, while the session is well.
    */
-  async exchange(message, { form = 'binary', timeout = 10000, signal, keepalive } = {}) {
-    const frame = this.#seal(form === 'json' ? payloadOf(writeJson, message) : binaryPayload(message));
+  async exchange(message, options = {}) {
+    const form = options.form ?? 'binary';
+    const payload = form === 'json' ? payloadOf(writeJson, message) : binaryPayload(message);
+    // One after the other, so that a long one is not passed by others for ever.
+    const turn = this.#queue.then(() => this.#untilInReach(payload.length));
+    this.#queue = turn;
+    await turn;
+    return this.#send(payload, { ...options, form });
+  }
+
+  async #untilInReach(length) {
+    while (this.#departed.length && this.#writer.position + length - this.#departed[0].from > reach) {
+      await new Promise((resolve) => (this.#arrival = resolve));
+    }
+  }
+
+  #depart(from) {
+    const departure = { from };
+    this.#departed.push(departure);
+    const arrived = () => {
+      clearTimeout(timer);
+      const index = this.#departed.indexOf(departure);
+      if (index >= 0) this.#departed.splice(index, 1);
+      this.#arrival();
+    };
+    const timer = setTimeout(arrived, onTheWay);
+    return arrived;
+  }
+
+  async #send(payload, { form, timeout = 10000, signal, keepalive }) {
+    // A poll does not count, being there all the time; it can be sent again without harm.
+    const arrived = timeout > 0 ? this.#depart(this.#writer.position) : () => {};
+    try {
+      return await this.#sendFrame(this.#seal(payload), { form, timeout, signal, keepalive });
+    } finally {
+      arrived();
+    }
+  }
+
+  async #sendFrame(frame, { form, timeout, signal, keepalive }) {
     const body = form === 'json' ? bytesToText(frame) : frame;
     const bytes = await post(this.#url, { form, body, timeout, signal, keepalive }, async (response) =>
       form === 'json' ? textToBytes(await response.text()) : new Uint8Array(await response.arrayBuffer()),
     );
     if (bytes?.length === 0) throw new TooLong();
-    const payload = bytes && this.#reader.open(bytes);
-    if (!payload) throw new Failure('malformed', 'the answer is no frame of this session');
+    const answer = bytes && this.#reader.open(bytes);
+    if (!answer) throw new Failure('malformed', 'the answer is no frame of this session');
     try {
-      return form === 'json' ? readJson(payload) : unflattenPayload(payload);
+      return form === 'json' ? readJson(answer) : unflattenPayload(answer);
     } catch (error) {
       throw new Failure('malformed', `the answer is no message: ${error.message}`);
     }

@@ -29,8 +29,8 @@ class Card {
   }
 
   update(entry) {
-    this.#state.dataset.state = entry.up && entry.link ? 'online' : 'off';
-    setText(this.#state.lastChild, entry.up ? (entry.link ? 'Up' : 'No link') : 'Down');
+    this.#state.dataset.state = entry.link ? 'online' : 'off';
+    setText(this.#state.lastChild, entry.link ? 'Up' : 'No link');
     setText(this.#addresses, entry.addresses.join('  ') || entry.hardware || 'No address');
     this.#addresses.title = entry.hardware ? `Hardware address ${entry.hardware}` : '';
     setText(this.#totals[0], bytes(entry.received));
@@ -55,20 +55,41 @@ class Card {
   }
 }
 
+/** One that is switched off: a line is enough. */
+class Line {
+  #hardware = h('span', { class: 'addresses' });
+
+  constructor({ name }) {
+    const state = h('span', { class: 'pill', 'data-state': 'off' }, h('span', { class: 'dot', 'aria-hidden': 'true' }), 'Down');
+    this.element = h('li', { 'data-interface': name }, h('h3', {}, name), this.#hardware, state);
+  }
+
+  update({ hardware }) {
+    setText(this.#hardware, hardware ?? '');
+  }
+}
+
 export class Interfaces {
   #list = h('ul', { class: 'interfaces' });
+  #downList = h('ul', { class: 'panel down', hidden: true });
   #cards = new Map();
+  #lines = new Map();
   #entries = [];
 
   constructor() {
-    this.element = h('section', { 'aria-labelledby': 'interfaces-title' }, h('h2', { id: 'interfaces-title' }, 'Interfaces'), this.#list);
+    const title = h('h2', { id: 'interfaces-title' }, 'Interfaces');
+    this.element = h('section', { 'aria-labelledby': 'interfaces-title' }, title, this.#list, this.#downList);
   }
 
   show(entries) {
     // What carries traffic comes first, the loopback last.
-    const order = ({ up, link, loopback }) => (loopback ? 3 : up && link ? 0 : up ? 1 : 2);
-    this.#entries = [...entries].sort((a, b) => order(a) - order(b));
-    reconcile(this.#list, this.#entries, (entry) => entry.name, (entry) => new Card(entry), this.#cards);
+    const order = ({ link, loopback }) => (loopback ? 2 : link ? 0 : 1);
+    const key = ({ name }) => name;
+    const down = entries.filter(({ up }) => !up);
+    this.#entries = entries.filter(({ up }) => up).sort((a, b) => order(a) - order(b));
+    reconcile(this.#list, this.#entries, key, (entry) => new Card(entry), this.#cards);
+    reconcile(this.#downList, down, key, (entry) => new Line(entry), this.#lines);
+    this.#downList.hidden = down.length === 0;
   }
 
   /** A moment has passed: the counters are what show() said last. */
