@@ -55,7 +55,11 @@ void SHA1::takeBlock(const std::uint8_t* block) {
   for (std::size_t t = 16; t < 80; ++t)
     w[t] = std::rotl(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
 
-  auto [a, b, c, d, e] = state_;
+  std::uint32_t a = state_[0];
+  std::uint32_t b = state_[1];
+  std::uint32_t c = state_[2];
+  std::uint32_t d = state_[3];
+  std::uint32_t e = state_[4];
   const auto step = [&](std::uint32_t f, std::uint32_t k, std::uint32_t word) {
     const std::uint32_t next = std::rotl(a, 5) + f + e + k + word;
     e = d;
