@@ -50,16 +50,24 @@ def _close_systems():
             system.close()
 
 
+# A datagram socket for each port that free_port() gave: suites that run at the same time take no port from each other.
+_kept_ports = []
+
+
 def free_port():
     """A port of this machine that nobody listens on, below those that the kernel gives to clients."""
     while True:
         port = random.randrange(20000, 32000)
+        keeper = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
         with socket.socket(socket.AF_INET6, socket.SOCK_STREAM) as probe:
             try:
+                keeper.bind(("::", port))
                 probe.bind(("::", port))
             except OSError:
+                keeper.close()
                 continue
-            return port
+        _kept_ports.append(keeper)
+        return port
 
 
 def wait_until(condition, what, patience=PATIENCE):
