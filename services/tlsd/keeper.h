@@ -16,13 +16,13 @@ namespace tlsd {
 //
 // At the start the files are read. Where there are none, a certificate is made and stored; where they cannot be used
 // they are left alone and one is made that lives in memory only, so that the machine can be reached to mend them. From
-// then on the files are looked at every two seconds: when they have changed and stay as they are for one look more,
+// then on the files are looked at every second: when they have changed and stay as they are for one look more,
 // they are read. A pair that cannot be used is refused with a line in the log, and what was in use stays in use.
 //
 // Connections that were made with an earlier certificate are not touched.
 class Keeper {
  public:
-  static constexpr std::uint32_t lookMs = 2000;
+  static constexpr std::uint32_t lookMs = 1000;
   static constexpr std::uint32_t careMs = 3'600'000;  // between new ticket keys, and looks at the dates
   // A certificate of one's own is replaced that long before it ends.
   static constexpr std::int64_t renewSeconds = std::int64_t{30} * 24 * 60 * 60;
