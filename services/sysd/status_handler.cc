@@ -9,7 +9,6 @@
 #include "platform/bus/looper.h"
 #include "platform/log.h"
 #include "platform/policies.h"
-#include "services/common/caller.h"
 #include "services/sysd/fields.h"
 
 namespace sysd {
@@ -49,7 +48,7 @@ StatusHandler::StatusHandler(Source& source, tn::TimerQueue& timers)
     : board_(source), timers_(timers), tick_([this] { onTick(); }) {}
 
 void StatusHandler::handleCmd(tn::message& msg) {
-  if (!service::holds(msg, tn::policies::read) && msg.get(tn::field::command) != tn::command::disconnected) {
+  if (!tn::policies::holds(msg, tn::policies::read) && msg.get(tn::field::command) != tn::command::disconnected) {
     return replyError(msg, tn::error::notAllowed, "not allowed");
   }
   switch (msg.get(tn::field::command).value_or(0)) {
@@ -70,6 +69,7 @@ tn::message StatusHandler::cmdGetObj(tn::message& /*msg*/, std::uint32_t number)
 
 tn::message StatusHandler::cmdGetAll(tn::message& /*msg*/) {
   std::vector<tn::message> objects;
+  objects.reserve(briefObjects.size());
   for (const Object object : briefObjects)
     objects.push_back(board_.get(object, timers_.now(), answerAge).object);
   return listOf(objects);

@@ -50,6 +50,7 @@ tn::message GroupHandler::cmdGetAll(tn::message& msg) {
     groups.push_back(&group);
   std::ranges::sort(groups, {}, &Group::name);
   std::vector<tn::message> described;
+  described.reserve(groups.size());
   for (const Group* const group : groups)
     described.push_back(describe(*group, accounts_));
   tn::message answer;

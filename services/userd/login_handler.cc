@@ -8,7 +8,6 @@
 #include "platform/log.h"
 #include "platform/web/functions.h"
 #include "platform/web/ip_addr6.h"
-#include "services/common/caller.h"
 #include "services/common/return_address.h"
 #include "services/userd/fields.h"
 
@@ -32,7 +31,7 @@ void LoginHandler::handleCmd(tn::message& msg) {
 }
 
 void LoginHandler::logIn(tn::message& msg) {
-  if (!service::isFromProgram(msg)) return replyError(msg, tn::error::notAllowed, "not allowed");
+  if (!tn::policies::isOfSystem(msg)) return replyError(msg, tn::error::notAllowed, "not allowed");
   auto password = takePassword(msg, field::password);
   const auto name = msg.get(field::name);
   if (!name) return replyError(msg, error::badRequest, "the user name (string 1) is missing");

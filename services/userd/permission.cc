@@ -1,6 +1,6 @@
 #include "services/userd/permission.h"
 
-#include "services/common/caller.h"
+#include "platform/bus/looper.h"
 
 namespace userd {
 
@@ -11,7 +11,7 @@ const User* callerOf(const tn::message& msg, const Accounts& accounts) {
 }
 
 bool may(const tn::message& msg, std::uint32_t right, const Accounts& accounts) {
-  if (!service::holds(msg, right)) return false;
+  if (!tn::policies::holds(msg, right)) return false;
   if (!msg.has(tn::field::user)) return true;
   const User* const caller = callerOf(msg, accounts);
   return caller != nullptr && (accounts.groupOf(*caller).policies & right) != 0;

@@ -103,6 +103,7 @@ tn::message UserHandler::cmdGetAll(tn::message& msg) {
     users.push_back(&user);
   std::ranges::sort(users, {}, &User::name);
   std::vector<tn::message> described;
+  described.reserve(users.size());
   for (const User* const user : users)
     described.push_back(describe(*user, accounts_));
   tn::message answer;

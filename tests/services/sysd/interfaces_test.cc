@@ -1,5 +1,6 @@
 #include "services/sysd/interfaces.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
 #include <deque>
@@ -24,7 +25,7 @@ class List {
     address.sll_ifindex = index;
     address.sll_hatype = kind;
     address.sll_halen = static_cast<unsigned char>(hardware.size());
-    std::memcpy(address.sll_addr, hardware.data(), std::min(hardware.size(), sizeof address.sll_addr));
+    std::copy_n(hardware.begin(), std::min(hardware.size(), sizeof address.sll_addr), address.sll_addr);
     add(name, flags, keep(address), nullptr);
   }
   void ipv4(const char* name, const char* text, const char* mask) {
