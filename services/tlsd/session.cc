@@ -75,7 +75,7 @@ void Session::end(Failure failure) {
 void Session::startLinger() {
   stream_.reset();
   closePair();
-  ::shutdown(socket_.get(), SHUT_WR);
+  if (!endSent_) ::shutdown(socket_.get(), SHUT_WR);
   owner_.runner_.changeSocket(socket_.get(), tn::readable);
   timer_.start(owner_.runner_.timers(), lingerMs);
   enter(Phase::linger);

@@ -78,6 +78,8 @@ void Session::openPair() {
   pair_ = std::move(pair.ours);
   enter(Phase::relay);
   owner_.runner_.addNonBlocking(pair_.get(), tn::readable, [this](int, unsigned events) { onPair(events); });
+  // The server has not even got its end.
+  owner_.runner_.drained(pair_.get(), tn::readable);
   std::exchange(done_, nullptr)({std::move(pair.theirs), {}});
   // The first request is mostly there already.
   moved();
