@@ -7,6 +7,8 @@ import unittest
 
 import harness
 import tarnbus
+import tunnelbox
+from tunnel import Refused, ServiceError
 
 STATUS = [24, 1]
 GET_OBJ, SUBSCRIBE, UNSUBSCRIBE, PUSH = 0xfe0002, 0x20011, 0x20012, 0x20013
@@ -209,6 +211,52 @@ class Subscribers(StatusTest):
             for _ in range(3):
                 self.push()
             self.assertEqual(self.object(MEMORY)[NUMBER], MEMORY)
+
+
+class ThroughTheTunnel(tunnelbox.BoxTest):
+    """Server, users and status together, as a browser meets them."""
+
+    def setUp(self):
+        super().setUp()
+        self.use_port(self.system.serve("http"))
+        self.system.start("userd", "sysd")
+        for name in ("userd", "sysd"):
+            self.system.bus_id(name)
+        self.bus = self.system.bus()
+        self.password = self.system.path("/rw/store/first-login").read_text().split()[-1]
+
+    def sent_by_status(self):
+        members = self.bus.control(tarnbus.STATISTICS)[("M", 4)]
+        return next(member[("q", 5)] for member in members if member[("s", 3)] == "sysd")
+
+    def test_a_session_watches_the_system_until_it_ends(self):
+        with self.assertRaises(Refused):
+            self.log_in(password="wrong")
+        box = self.log_in(password=self.password)
+        first = box.call(STATUS, SUBSCRIBE, {OBJECTS: [SYSTEM], INTERVAL: 500, tarnbus.SENDER: [9]})
+        self.assertEqual(first[LIST][0][("s", 1)], socket.gethostname())
+        push = box.poll()
+        self.assertEqual((push[tarnbus.DESTINATION], push[tarnbus.COMMAND]), ([9], PUSH))
+        self.assertGreater(push[LIST][0][("q", 5)], first[LIST][0][("q", 5)])
+        box.end()
+        self.bus.request(STATUS, GET_OBJ, {NUMBER: STORAGE})
+        before = self.sent_by_status()
+        with self.assertRaises(TimeoutError):
+            self.bus.receive(timeout=1.2)
+        self.assertEqual(self.sent_by_status(), before)
+
+    def test_a_session_has_the_rights_of_its_user(self):
+        users, login = [13, 2], [13, 4]
+        new = {("s", 1): "bob", ("s", 3): "a good password", ("s", 18): "guests"}
+        self.log_in(password=self.password).call(users, tarnbus.ADD_OBJ, new)
+        box = self.log_in("bob", "a good password")
+        self.assertEqual(box.call(users, tarnbus.GET)[("s", 1)], "bob")
+        self.assertEqual(box.call(STATUS, GET_OBJ, {NUMBER: MEMORY})[NUMBER], MEMORY)
+        for path, command, fields in ((users, tarnbus.GET_ALL, {}), (users, tarnbus.REMOVE_OBJ, {("s", 1): "admin"}),
+                                      (login, 1, {("s", 1): "admin", ("s", 3): self.password})):
+            with self.assertRaises(ServiceError) as refused:
+                box.call(path, command, fields)
+            self.assertEqual(refused.exception.code, NOT_ALLOWED)
 
 
 if __name__ == "__main__":
