@@ -42,7 +42,9 @@ await esbuild.build({
   plugins: [clientBeside],
 });
 await cp(join(here, 'pictures'), assets, { recursive: true });
-for (const name of ['index.html', 'about.html', 'favicon.ico']) await cp(join(here, name), join(fresh, name));
+for (const name of ['index2.html', 'start.css', 'start.js', 'about.html', 'favicon.ico', 'varnox']) {
+  await cp(join(here, name), join(fresh, name), { recursive: true });
+}
 await writeFile(join(fresh, 'licenses.txt'), await licenses());
 await rm(target, { recursive: true, force: true });
 await rename(fresh, target);

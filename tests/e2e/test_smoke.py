@@ -1,5 +1,7 @@
 """From a server record on the real bus to a page over TCP, and a server that moves while the system runs."""
 
+import io
+import tarfile
 import unittest
 
 import harness
@@ -11,8 +13,22 @@ class Record(harness.SystemTest):
         port = self.system.serve("http")
         response = rawhttp.get(port, "/")
         self.assertEqual(response.status, 200)
-        self.assertEqual(response.header("content-type"), "text/html; charset=utf-8")
-        self.assertEqual(response.body, self.system.path("/home/web/index.html").read_bytes())
+        self.assertEqual(response.header("content-type"), "text/html")
+        template = self.system.path("/home/web/index2.html").read_text()
+        version = self.system.path("/tarn/etc/version").read_text().strip()
+        for name, value in {"version": version, "host": rawhttp.LOOPBACK, "port": str(port), "user": "", "varnox": "/varnox/"}.items():
+            self.assertIn(f"%{name}%", template)
+            template = template.replace(f"%{name}%", value)
+        self.assertEqual(response.body.decode(), template)
+        self.assertEqual(rawhttp.get(port, "/index.html").body, response.body)
+
+    def test_the_desktop_client_is_there(self):
+        port = self.system.serve("http")
+        self.assertIn(b'href="/varnox/tn-remote.tgz"', rawhttp.get(port, "/varnox/").body)
+        packed = rawhttp.get(port, "/varnox/tn-remote.tgz").body
+        with tarfile.open(fileobj=io.BytesIO(packed)) as archive:
+            self.assertEqual(sorted(archive.getnames()), ["tn-remote/messages.py", "tn-remote/tn-remote", "tn-remote/tunnel.py"])
+        self.assertIn(b"tn-remote:", rawhttp.get(port, "/varnox/list").body)
 
     def test_there_is_no_listener_before_the_record(self):
         port = harness.free_port()
