@@ -1,7 +1,15 @@
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <limits>
 
 #include "jsproxy/json_form.h"
+#include "jsproxy/text_code.h"
+#include "platform/byte_order.h"
+
+// Fields are written in their flattened form as they are read, one behind the other, nested messages in the place where
+// they stand; tn::message takes the whole at the end. Inserting each into a message would look for its key among all
+// that are there, and a browser decides how many those are.
 
 namespace {
 
@@ -9,12 +17,23 @@ bool isSpace(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
+constexpr unsigned noDigit = 16;
+
+constexpr auto digits = [] {
+  std::array<std::uint8_t, 256> table{};
+  table.fill(noDigit);
+  for (unsigned i = 0; i < 10; ++i)
+    table['0' + i] = static_cast<std::uint8_t>(i);
+  for (unsigned i = 0; i < 6; ++i) {
+    table['a' + i] = static_cast<std::uint8_t>(10 + i);
+    table['A' + i] = static_cast<std::uint8_t>(10 + i);
+  }
+  return table;
+}();
+
 // Value of a digit in bases up to 16; 16 for what is none.
 unsigned digitOf(char c) {
-  if (c >= '0' && c <= '9') return static_cast<unsigned>(c - '0');
-  if (c >= 'a' && c <= 'f') return static_cast<unsigned>(c - 'a') + 10;
-  if (c >= 'A' && c <= 'F') return static_cast<unsigned>(c - 'A') + 10;
-  return 16;
+  return digits[static_cast<std::uint8_t>(c)];
 }
 
 template <typename Number>
@@ -32,7 +51,7 @@ Parsed<Number> parseNumber(const char* text, unsigned base) {
     ++p;
   const bool negative = *p == '-';
   if (*p == '-' || *p == '+') ++p;
-  const bool prefixed = p[0] == '0' && (p[1] == 'x' || p[1] == 'X') && digitOf(p[2]) < 16;
+  const bool prefixed = p[0] == '0' && (p[1] == 'x' || p[1] == 'X') && digitOf(p[2]) < noDigit;
   if (prefixed && base != 10) {
     p += 2;
     base = 16;
@@ -42,14 +61,44 @@ Parsed<Number> parseNumber(const char* text, unsigned base) {
   constexpr Number most = std::numeric_limits<Number>::max();
   Number value = 0;
   bool overflow = false;
-  const char* const digits = p;
+  const char* const first = p;
   for (unsigned digit = digitOf(*p); digit < base; digit = digitOf(*++p)) {
     overflow = overflow || value > (most - digit) / base;
     value = static_cast<Number>(value * base + digit);
   }
-  if (p == digits) return {0, text};
+  if (p == first) return {0, text};
   if (overflow) return {most, p};
   return {negative ? static_cast<Number>(0 - value) : value, p};
+}
+
+// The same in base 0 or 10, with a short way for what nearly all numbers are: some decimal digits.
+template <typename Number>
+Parsed<Number> parseDecimal(const char* text, unsigned base) {
+  constexpr int safe = std::numeric_limits<Number>::digits10;
+  const char* p = text;
+  if (*p >= '1' && *p <= '9') {
+    Number value = 0;
+    for (unsigned digit = digitOf(*p); digit < 10; digit = digitOf(*++p)) {
+      if (p - text == safe) return parseNumber<Number>(text, base);
+      value = static_cast<Number>(value * 10 + digit);
+    }
+    return {value, p};
+  }
+  if (*p == '0' && digitOf(p[1]) == noDigit && p[1] != 'x' && p[1] != 'X') return {0, p + 1};
+  return parseNumber<Number>(text, base);
+}
+
+// A field's number.
+Parsed<std::uint32_t> parseId(const char* text) {
+  constexpr int safe = 8;
+  if (*text == '0') return parseNumber<std::uint32_t>(text, 16);
+  std::uint32_t value = 0;
+  const char* p = text;
+  for (unsigned digit = digitOf(*p); digit < noDigit; digit = digitOf(*++p)) {
+    if (p - text == safe) return parseNumber<std::uint32_t>(text, 16);
+    value = value << 4 | digit;
+  }
+  return {value, p};
 }
 
 const char* skipSpaces(const char* p) {
@@ -72,39 +121,112 @@ Outcome fail(const char* p) {
   return {p, true};
 }
 
-// The type letters and how the value behind each is read. `p` is where the value begins.
+// Collects single bytes before they are appended: that is a call each time.
+class Collector {
+ public:
+  explicit Collector(std::string& out) : out_(out) {}
+  Collector(const Collector&) = delete;
+  Collector& operator=(const Collector&) = delete;
+  ~Collector() { flush(); }
+
+  void add(char c) {
+    if (count_ == bytes_.size()) flush();
+    bytes_[count_++] = c;
+  }
+
+ private:
+  void flush() {
+    out_.append(bytes_.data(), count_);
+    count_ = 0;
+  }
+
+  std::string& out_;
+  std::size_t count_ = 0;
+  std::array<char, 128> bytes_;
+};
+
+// ---- What is read, in its flattened form
+
+constexpr std::string_view magic = "M2";
+constexpr std::size_t headerBytes = 4;
+constexpr std::size_t lengthBytes = 2;
+constexpr std::size_t largestShort = 255;
+
+void appendLe16(std::string& out, std::size_t value) {
+  std::array<std::uint8_t, 2> bytes;
+  storeLe16(bytes.data(), static_cast<std::uint16_t>(value));
+  out.append(bytes.begin(), bytes.end());
+}
+void appendLe32(std::string& out, std::uint32_t value) {
+  std::array<std::uint8_t, 4> bytes;
+  storeLe32(bytes.data(), value);
+  out.append(bytes.begin(), bytes.end());
+}
+void appendLe64(std::string& out, std::uint64_t value) {
+  std::array<std::uint8_t, 8> bytes;
+  storeLe64(bytes.data(), value);
+  out.append(bytes.begin(), bytes.end());
+}
+
+const char* readFields(const char* p, std::string& out, unsigned depth);
+const char* readBytes(const char* p, std::string& out);
+
+// The type letters and how the value behind each is read: its field is appended to `out`, or nothing when a message has
+// no room for such a value or the text fails in it.
 class ValueReader {
  public:
-  ValueReader(tn::message& msg, std::uint32_t id, unsigned depth) : msg_(msg), id_(id), depth_(depth) {}
+  ValueReader(std::string& out, std::uint32_t id, unsigned depth)
+      : out_(out), start_(out.size()), id_(id & tn::idMask), depth_(depth) {}
 
   Outcome read(char letter, const char* p) {
+    const Outcome outcome = readValue(letter, p);
+    if (outcome.failed || !fits_) out_.resize(start_);
+    return outcome;
+  }
+
+ private:
+  using Type = tn::FieldType;
+
+  Outcome readValue(char letter, const char* p) {
     switch (letter) {
-      case 'b':
-        return readNumber<std::uint32_t>(p, [this](std::uint32_t v) { msg_.insert(tn::bool_id(id_), v != 0); });
-      case 'u':
-        return readNumber<std::uint32_t>(p, [this](std::uint32_t v) { msg_.insert(tn::u32_id(id_), v); });
-      case 'q':
-        return readNumber<std::uint64_t>(p, [this](std::uint64_t v) { msg_.insert(tn::u64_id(id_), v); });
+      case 'b': {
+        const auto number = parseDecimal<std::uint32_t>(p, 0);
+        header(Type::boolean, number.value != 0);
+        return goOn(number.end);
+      }
+      case 'u': {
+        const auto number = parseDecimal<std::uint32_t>(p, 0);
+        appendU32(number.value);
+        return goOn(number.end);
+      }
+      case 'q': {
+        const auto number = parseDecimal<std::uint64_t>(p, 0);
+        header(Type::u64);
+        appendLe64(out_, number.value);
+        return goOn(number.end);
+      }
       case 'a':
-        return readAddress(p);
+        header(Type::addr6);
+        return takeAddress(p);
       case 's':
-        return readString(p);
+        return readSized(Type::string, p, &ValueReader::takeString);
       case 'r':
-        return readRaw(p);
+        return readSized(Type::raw, p, &ValueReader::takeBytes);
       case 'm':
-        return readMessage(p);
+        return readSized(Type::message, p, &ValueReader::takeMessage);
       case 'B':
-        return readBooleans(p);
+        return readSmallNumbers(Type::booleanArray, p, [this](std::uint32_t v) { out_ += v != 0 ? '\1' : '\0'; });
       case 'U':
-        return readNumbers(p);
+        return readSmallNumbers(Type::u32Array, p, [this](std::uint32_t v) { appendLe32(out_, v); });
       case 'Q':
         return readLongNumbers(p);
       case 'A':
         return readAddresses(p);
       case 'S':
-        return readStrings(p);
+        return readElements(Type::stringArray, p,
+                            [this](const char* at) { return sized(at, &ValueReader::takeString); });
       case 'R':
-        return readRaws(p);
+        return readElements(Type::rawArray, p, [this](const char* at) { return sized(at, &ValueReader::takeBytes); });
       case 'M':
         return readMessages(p);
       default:
@@ -112,187 +234,206 @@ class ValueReader {
     }
   }
 
- private:
-  template <typename Number, typename Insert>
-  Outcome readNumber(const char* p, Insert insert) {
-    const auto number = parseNumber<Number>(p, 0);
-    insert(number.value);
-    return goOn(number.end);
+  void header(Type type, bool isShort = false) {
+    appendLe32(out_, static_cast<std::uint32_t>(type) | id_ | (isShort ? tn::shortFlag : 0));
+  }
+  void appendU32(std::uint32_t value) {
+    const bool isShort = value <= largestShort;
+    header(Type::u32, isShort);
+    if (isShort) {
+      out_ += static_cast<char>(value);
+    } else {
+      appendLe32(out_, value);
+    }
   }
 
-  Outcome readAddress(const char* p) {
-    tn::Addr6 address{};
-    const Outcome outcome = takeAddress(p, address);
-    if (!outcome.failed) msg_.insert(tn::addr6_id(id_), address);
+  // Takes one value and appends its bytes.
+  using Take = Outcome (ValueReader::*)(const char* p);
+
+  // A value behind its length, which is known afterwards. Most are short; the others are moved by a byte.
+  Outcome readSized(Type type, const char* p, Take take) {
+    header(type, true);
+    out_ += '\0';
+    const std::size_t begin = out_.size();
+    const Outcome outcome = (this->*take)(p);
+    const std::size_t length = out_.size() - begin;
+    if (length <= largestShort) {
+      out_[begin - 1] = static_cast<char>(length);
+      return outcome;
+    }
+    fits_ = fits_ && length <= tn::message::maxValueBytes;
+    out_.insert(begin, 1, '\0');
+    storeLe32(at(start_), static_cast<std::uint32_t>(type) | id_);
+    storeLe16(at(begin - 1), static_cast<std::uint16_t>(length));
     return outcome;
   }
 
-  static Outcome takeAddress(const char* p, tn::Addr6& address) {
-    if (*p != '[') return fail(p);
-    std::vector<std::uint8_t> bytes;
-    p = parseByteList(p, bytes);
-    if (bytes.size() != address.size()) return fail(p);
-    std::copy(bytes.begin(), bytes.end(), address.begin());
-    return goOn(p);
-  }
-
-  Outcome readString(const char* p) {
-    std::string text;
-    const Outcome outcome = takeString(p, text);
-    if (!outcome.failed) msg_.insert(tn::string_id(id_), text);
+  // An element of an array behind its length.
+  Outcome sized(const char* p, Take take) {
+    out_.append(lengthBytes, '\0');
+    const std::size_t begin = out_.size();
+    const Outcome outcome = (this->*take)(p);
+    const std::size_t length = out_.size() - begin;
+    fits_ = fits_ && length <= tn::message::maxValueBytes;
+    storeLe16(at(begin - lengthBytes), static_cast<std::uint16_t>(length));
     return outcome;
   }
 
-  static Outcome takeString(const char* p, std::string& text) {
-    if (*p != '\'') return fail(p);
-    p = parseQuoted(p + 1, text);
-    if (*p != '\'') return fail(p);
-    return goOn(p + 1);
-  }
+  [[nodiscard]] std::uint8_t* at(std::size_t index) { return asWritableBytes(out_).data() + index; }
 
-  Outcome readRaw(const char* p) {
+  Outcome takeAddress(const char* p) {
     if (*p != '[') return fail(p);
-    std::vector<std::uint8_t> bytes;
-    p = parseByteList(p, bytes);
-    msg_.insert(tn::raw_id(id_), bytes);
-    return goOn(p);
+    const std::size_t begin = out_.size();
+    p = readBytes(p, out_);
+    return out_.size() - begin == sizeof(tn::Addr6) ? goOn(p) : fail(p);
   }
 
-  Outcome readMessage(const char* p) {
+  Outcome takeString(const char* p) {
+    if (*p != '\'') return fail(p);
+    p = parseQuoted(p + 1, out_);
+    return *p == '\'' ? goOn(p + 1) : fail(p);
+  }
+
+  Outcome takeBytes(const char* p) {
+    if (*p != '[') return fail(p);
+    return goOn(readBytes(p, out_));
+  }
+
+  Outcome takeMessage(const char* p) {
     if (depth_ == maxJsonDepth || *p != '{') return fail(p);
-    tn::message nested;
-    p = parseJson(p + 1, nested, depth_ + 1);
-    if (*p != '}') return fail(p);
-    msg_.insert(tn::message_id(id_), nested);
-    return goOn(p + 1);
+    return takeFields(p + 1);
   }
 
-  // The elements between the brackets; commas and spaces between them are passed in any number. takeElement gets the
-  // position of anything else but the closing bracket (the NUL as well), and says where the next one is looked for.
+  Outcome takeFields(const char* p) {
+    p = readFields(p, out_, depth_ + 1);
+    return *p == '}' ? goOn(p + 1) : fail(p);
+  }
+
+  // The elements between the brackets, behind their count; commas and spaces between them are passed in any number.
+  // takeElement gets the position of anything else but the closing bracket (the NUL as well), and says where the next
+  // one is looked for.
   template <typename TakeElement>
-  static Outcome readElements(const char* p, TakeElement takeElement) {
+  Outcome readElements(Type type, const char* p, TakeElement takeElement) {
     if (*p != '[') return fail(p);
-    ++p;
-    while (*p != ']') {
-      if (*p == ' ' || *p == ',') {
-        ++p;
+    header(type);
+    appendLe16(out_, 0);
+    std::size_t count = 0;
+    Outcome outcome = goOn(p + 1);
+    while (*outcome.at != ']') {
+      if (*outcome.at == ' ' || *outcome.at == ',') {
+        ++outcome.at;
         continue;
       }
-      const Outcome outcome = takeElement(p);
+      outcome = takeElement(outcome.at);
       if (outcome.failed) return outcome;
-      p = outcome.at;
+      ++count;
     }
-    return goOn(p + 1);
+    endElements(count);
+    return goOn(outcome.at + 1);
   }
 
-  // Elements of B and U: the first that has no digits ends the array, as a zero, without being an error by itself.
+  void endElements(std::size_t count) {
+    fits_ = fits_ && count <= tn::message::maxValueBytes;
+    storeLe16(at(start_ + headerBytes), static_cast<std::uint16_t>(count));
+  }
+
+  // Elements of B and U: the first that has no digits ends the array, as a zero, without being an error by itself, and
+  // the end of the text ends it as it stands.
   template <typename Append>
-  static Outcome readSmallNumbers(const char* p, Append append) {
-    const Outcome outcome = readElements(p, [&append](const char* at) {
-      if (*at == '\0') return fail(at);
-      const auto number = parseNumber<std::uint32_t>(at, 10);
+  Outcome readSmallNumbers(Type type, const char* p, Append append) {
+    std::size_t count = 0;
+    const Outcome outcome = readElements(type, p, [&append, &count](const char* element) {
+      if (*element == '\0') return fail(element);
+      const auto number = parseDecimal<std::uint32_t>(element, 10);
       append(number.value);
-      return number.end == at ? fail(at) : goOn(number.end);
+      ++count;
+      return number.end == element ? fail(element) : goOn(number.end);
     });
-    return *p == '[' ? goOn(outcome.at) : outcome;
-  }
-
-  Outcome readBooleans(const char* p) {
-    std::vector<std::uint8_t> values;
-    const Outcome outcome = readSmallNumbers(p, [&values](std::uint32_t v) { values.push_back(v != 0 ? 1 : 0); });
-    if (!outcome.failed) msg_.insert_vector(tn::bool_array_id(id_), values);
-    return outcome;
-  }
-
-  Outcome readNumbers(const char* p) {
-    std::vector<std::uint32_t> values;
-    const Outcome outcome = readSmallNumbers(p, [&values](std::uint32_t v) { values.push_back(v); });
-    if (!outcome.failed) msg_.insert_vector(tn::u32_array_id(id_), values);
-    return outcome;
+    if (*p != '[' || !outcome.failed) return outcome;
+    endElements(count);
+    return goOn(outcome.at);
   }
 
   Outcome readLongNumbers(const char* p) {
-    std::vector<std::uint64_t> values;
-    const Outcome outcome = readElements(p, [&values](const char* at) {
-      if (*at < '0' || *at > '9') return fail(at);
-      const auto number = parseNumber<std::uint64_t>(at, 0);
-      values.push_back(number.value);
+    return readElements(Type::u64Array, p, [this](const char* element) {
+      if (*element < '0' || *element > '9') return fail(element);
+      const auto number = parseDecimal<std::uint64_t>(element, 0);
+      appendLe64(out_, number.value);
       return goOn(number.end);
     });
-    if (!outcome.failed) msg_.insert_vector(tn::u64_array_id(id_), values);
-    return outcome;
   }
 
   Outcome readAddresses(const char* p) {
-    std::vector<tn::Addr6> values;
-    const Outcome outcome = readElements(p, [&values](const char* at) {
-      if (*at == '\0') return fail(at);
-      if (*at != '[') return stayForEver(at);
-      tn::Addr6 address{};
-      const Outcome element = takeAddress(at, address);
-      if (!element.failed) values.push_back(address);
-      return element;
+    return readElements(Type::addr6Array, p, [this](const char* element) {
+      if (*element == '\0') return fail(element);
+      if (*element != '[') stayForEver();
+      return takeAddress(element);
     });
-    if (!outcome.failed) msg_.insert_vector(tn::addr6_array_id(id_), values);
-    return outcome;
   }
 
   // The same character is looked at again and again. The barrier tells the compiler that the loop it makes is meant.
-  static Outcome stayForEver(const char* p) {
-    __asm__ __volatile__("" : : : "memory");
-    return goOn(p);
-  }
-
-  Outcome readStrings(const char* p) {
-    std::vector<std::string> values;
-    const Outcome outcome =
-        readElements(p, [&values](const char* at) { return takeString(at, values.emplace_back()); });
-    if (!outcome.failed) msg_.insert_vector(tn::string_array_id(id_), values);
-    return outcome;
-  }
-
-  Outcome readRaws(const char* p) {
-    std::vector<std::vector<std::uint8_t>> values;
-    const Outcome outcome = readElements(p, [&values](const char* at) {
-      if (*at != '[') return fail(at);
-      return goOn(parseByteList(at, values.emplace_back()));
-    });
-    if (!outcome.failed) msg_.insert_vector(tn::raw_array_id(id_), values);
-    return outcome;
+  [[noreturn]] static void stayForEver() {
+    for (;;)
+      __asm__ __volatile__("" : : : "memory");
   }
 
   Outcome readMessages(const char* p) {
     if (depth_ == maxJsonDepth) return fail(p);
-    std::vector<tn::message> values;
-    const Outcome outcome = readElements(p, [this, &values](const char* at) {
-      if (*at == '\0') return fail(at);
-      at = parseJson(at, values.emplace_back(), depth_ + 1);
-      return *at == '}' ? goOn(at + 1) : fail(at);
+    return readElements(Type::messageArray, p, [this](const char* element) {
+      return *element == '\0' ? fail(element) : sized(element, &ValueReader::takeFields);
     });
-    if (!outcome.failed) msg_.insert_vector(tn::message_array_id(id_), values);
-    return outcome;
   }
 
-  tn::message& msg_;
-  std::uint32_t id_;
-  unsigned depth_;
+  std::string& out_;
+  const std::size_t start_;
+  const std::uint32_t id_;
+  const unsigned depth_;
+  bool fits_ = true;  // the value has room in a field
 };
 
-}  // namespace
+// The keys of one message so far, as long as they are few.
+class Keys {
+ public:
+  // Whether the key was there before, or may have been.
+  bool mayRepeat(std::uint32_t key) {
+    const auto end = seen_.begin() + static_cast<std::ptrdiff_t>(count_);
+    if (count_ == seen_.size() || std::find(seen_.begin(), end, key) != end) return true;
+    seen_[count_++] = key;
+    return false;
+  }
 
-const char* parseJson(const char* p, tn::message& msg, unsigned depth) {
+ private:
+  std::array<std::uint32_t, 24> seen_;
+  std::size_t count_ = 0;
+};
+
+// The fields of the message whose bytes begin at `begin` each once, as a message keeps them.
+void dropRepeated(std::string& out, std::size_t begin) {
+  tn::message msg;
+  if (!msg.unflatten(asBytes(out).subspan(begin))) return;
+  const auto bytes = msg.flattened();
+  out.resize(begin);
+  out.append(bytes.begin(), bytes.end());
+}
+
+// The fields up to the closing brace, appended; onField is told where each one begins.
+template <typename OnField>
+const char* appendFields(const char* p, std::string& out, unsigned depth, OnField onField) {
   p = skipSpaces(p);
   if (*p == '{') ++p;
   for (;;) {
     p = skipSpaces(p);
     if (*p == '\0' || *p == '}') return p;
     const char* const letter = p++;
-    if (digitOf(*p) >= 16) return letter;
-    const auto id = parseNumber<std::uint32_t>(p, 16);
+    if (digitOf(*p) == noDigit) return letter;
+    const auto id = parseId(p);
     p = id.end;
     while (*p == ' ' || *p == ':')
       ++p;
-    const Outcome value = ValueReader(msg, id.value, depth).read(*letter, p);
+    const std::size_t start = out.size();
+    const Outcome value = ValueReader(out, id.value, depth).read(*letter, p);
+    if (out.size() > tn::message::maxFlattenedBytes) out.resize(start);
+    if (out.size() > start) onField(start);
     if (value.failed) return value.at;
     p = skipSpaces(value.at);
     if (*p != ',') return p;
@@ -300,34 +441,21 @@ const char* parseJson(const char* p, tn::message& msg, unsigned depth) {
   }
 }
 
-const char* parseQuoted(const char* p, std::string& out) {
-  for (;;) {
-    const char* const plain = p;
-    while (*p != '\0' && *p != '\'' && *p != '\\')
-      ++p;
-    out.append(plain, p);
-    if (*p != '\\') return p;
-    switch (p[1]) {
-      case 'r':
-        out += '\r';
-        p += 2;
-        break;
-      case 'n':
-        out += '\n';
-        p += 2;
-        break;
-      case '\'':
-      case '\\':
-        out += p[1];
-        p += 2;
-        break;
-      default:  // a backslash by itself
-        out += *p++;
-    }
-  }
+// A nested message, whole.
+const char* readFields(const char* p, std::string& out, unsigned depth) {
+  const std::size_t begin = out.size();
+  Keys keys;
+  bool mayRepeat = false;
+  out += magic;
+  p = appendFields(p, out, depth, [&](std::size_t start) {
+    mayRepeat = mayRepeat || keys.mayRepeat(loadLe32(asBytes(out).data() + start) & ~tn::shortFlag);
+  });
+  if (mayRepeat) dropRepeated(out, begin);
+  return p;
 }
 
-const char* parseByteList(const char* p, std::vector<std::uint8_t>& out) {
+const char* readBytes(const char* p, std::string& out) {
+  Collector bytes(out);
   ++p;
   for (;;) {
     if (*p == ']') return p + 1;
@@ -336,9 +464,47 @@ const char* parseByteList(const char* p, std::vector<std::uint8_t>& out) {
       ++p;
       continue;
     }
-    const auto number = parseNumber<std::uint32_t>(p, 10);
-    out.push_back(static_cast<std::uint8_t>(number.value));
+    const auto number = parseDecimal<std::uint32_t>(p, 10);
+    bytes.add(static_cast<char>(number.value));
     if (number.end == p) return p;
     p = number.end;
   }
+}
+
+}  // namespace
+
+const char* parseJson(const char* p, tn::message& msg, unsigned depth) {
+  const auto before = msg.flattened();
+  std::string bytes;
+  bytes.reserve(before.size() + std::strlen(p));
+  bytes.append(before.begin(), before.end());
+  p = appendFields(p, bytes, depth, [](std::size_t) {});
+  // What was written is well formed; a key that came twice is dealt with there.
+  (void)msg.unflatten(asBytes(bytes));
+  return p;
+}
+
+const char* parseQuoted(const char* p, std::string& out) {
+  Collector text(out);
+  for (;; ++p) {
+    char c = *p;
+    if (c == '\0' || c == '\'') return p;
+    if (c == '\\') {
+      const char next = p[1];
+      const bool isPair = next == 'r' || next == 'n' || next == '\'' || next == '\\';
+      // A backslash before anything else is one by itself.
+      if (isPair) {
+        c = next == 'r' ? '\r' : next == 'n' ? '\n' : next;
+        ++p;
+      }
+    }
+    text.add(c);
+  }
+}
+
+const char* parseByteList(const char* p, std::vector<std::uint8_t>& out) {
+  std::string bytes;
+  p = readBytes(p, bytes);
+  out.insert(out.end(), bytes.begin(), bytes.end());
+  return p;
 }

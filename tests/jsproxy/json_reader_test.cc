@@ -311,6 +311,47 @@ TEST(JsonForm, WhatIsWrittenIsReadBack) {
   }
 }
 
+// What does not fit into a field is left out, and the rest is read.
+TEST(JsonReader, ValuesLargerThanAFieldAreLeftOut) {
+  const auto many = [](const std::string& piece, int count) {
+    std::string text;
+    while (count-- > 0)
+      text += piece;
+    return text;
+  };
+  for (const int count : {65535, 65536}) {
+    const bool fits = count == 65535;
+    const std::string ones = "[" + many("1,", count) + "]";
+    EXPECT_EQ(read("{s1:'" + many("x", count) + "',u2:1}").msg.has(tn::string_id(1)), fits);
+    EXPECT_EQ(read("{r1:" + ones + ",u2:1}").msg.has(tn::raw_id(1)), fits);
+    EXPECT_EQ(read("{U1:" + ones + ",u2:1}").msg.has(tn::u32_array_id(1)), fits);
+    EXPECT_EQ(read("{B1:" + ones + ",u2:1}").msg.has(tn::bool_array_id(1)), fits);
+    EXPECT_EQ(read("{Q1:" + ones + ",u2:1}").msg.has(tn::u64_array_id(1)), fits);
+    EXPECT_EQ(read("{R1:[[]," + ones + "],u2:1}").msg.has(tn::raw_array_id(1)), fits);
+    EXPECT_EQ(read("{S1:['a','" + many("x", count) + "'],u2:1}").msg.has(tn::string_array_id(1)), fits);
+    EXPECT_EQ(read("{m1:{s1:'" + many("x", count - 8) + "'},u2:1}").msg.has(tn::message_id(1)), fits);
+    EXPECT_EQ(read("{M1:[{s1:'" + many("x", count - 8) + "'}],u2:1}").msg.has(tn::message_array_id(1)), fits);
+    const Read r = read("{m1:{r1:" + ones + ",u3:3},u2:1}");
+    EXPECT_TRUE(r.good);
+    EXPECT_EQ(r.msg.get(tn::u32_id(2)), 1U);
+  }
+}
+
+// The last one counts, in the place of the first, nested messages included, however many there are.
+TEST(JsonReader, KeysThatComeTwice) {
+  EXPECT_EQ(read("{u1:1,s1:'a',u1:70000,u2:2}").msg, read("{u1:70000,s1:'a',u2:2}").msg);
+  EXPECT_EQ(read("{m1:{u1:1,s1:'a',u1:70000}}").msg, read("{m1:{u1:70000,s1:'a'}}").msg);
+  EXPECT_EQ(read("{M1:[u1:1,u1:2},{}]}").msg, read("{M1:[{u1:2},{}]}").msg);
+  std::string text;
+  for (int i = 0; i < 12000; ++i)
+    text += "u" + std::to_string(i % 6000) + ":1,";
+  const Read r = read("{" + text + "m1:{" + text + "}}");
+  EXPECT_TRUE(r.good);
+  std::size_t fields = 0;
+  r.msg.forEach([&fields](const auto&) { ++fields; });
+  EXPECT_EQ(fields, 6001U);
+}
+
 // No input makes the reader look beyond its NUL; the one endless case is left out.
 TEST(JsonForm, RandomTextsAreReadToAnEnd) {
   std::mt19937 random(3);
