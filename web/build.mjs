@@ -42,7 +42,7 @@ await esbuild.build({
   plugins: [clientBeside],
 });
 await cp(join(here, 'pictures'), assets, { recursive: true });
-for (const name of ['index2.html', 'start.css', 'start.js', 'about.html', 'favicon.ico', 'varnox']) {
+for (const name of ['index2.html', 'start.css', 'start.js', 'about.html', 'favicon.ico', 'skins', 'varnox']) {
   await cp(join(here, name), join(fresh, name), { recursive: true });
 }
 await writeFile(join(fresh, 'licenses.txt'), await licenses());

@@ -1,8 +1,10 @@
 """Systems for the tests in a browser, and a way for the tests to reach behind them: a small server on this machine that takes
 POST /OPERATION with a list of arguments in JSON and answers with the result in JSON (see control.mjs)."""
 
+import hashlib
 import http.server
 import json
+import socket
 import threading
 import time
 
@@ -33,6 +35,7 @@ class Box:
 
     def __init__(self):
         self.system = harness.System()
+        self.taken = []
         try:
             self.port = harness.free_port()
             self._start()
@@ -76,6 +79,8 @@ class Box:
         finally:
             self.control.shutdown()
             self.control.server_close()
+            for taken in self.taken:
+                taken.close()
 
     # Operations
 
@@ -97,6 +102,20 @@ class Box:
 
     def log_lines(self, name):
         return self.system.lines(name)
+
+    def read_file(self, path):
+        """A file of the image as text; null when there is none."""
+        file = self.system.path(path)
+        return file.read_text() if file.exists() else None
+
+    def file_sum(self, path):
+        return hashlib.sha256(self.system.path(path).read_bytes()).hexdigest()
+
+    def occupy(self):
+        """Listens on a port, for as long as the system is there."""
+        taken = socket.create_server(("::", 0), family=socket.AF_INET6, dualstack_ipv6=True)
+        self.taken.append(taken)
+        return taken.getsockname()[1]
 
     def end_notices(self):
         """The ids of the sessions whose end was told on the bus so far."""

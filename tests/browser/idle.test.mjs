@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
 import { control, until } from './control.mjs';
-import { account, figuresMove, launch, open, openStatus, sessionState, waitFor } from './interface.mjs';
+import { account, figuresMove, launch, open, openStatus, origin, sessionState, waitFor } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -12,7 +12,8 @@ after(() => browser.close());
 test('a session without a poll is gone after 60 seconds, one with a poll stays', async () => {
   const watching = await openStatus(browser);
   const { context, page } = await open(browser);
-  const client = await page.getAttribute('link[rel=modulepreload]', 'href');
+  const { files } = await (await context.request.get(`${origin}/system.json`)).json();
+  const client = files.find((path) => path.endsWith('/client.js'));
   const id = await page.evaluate(async ([path, { user, password }]) => {
     const { Session } = await import(path);
     const session = new Session({ keepAlive: false });

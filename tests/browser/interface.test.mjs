@@ -58,6 +58,7 @@ test('a wrong password is refused, and the right one logs in', async () => {
 
 test('what is missing in the form is said without asking the server', async () => {
   const { context, page, troubles } = await open(browser);
+  await page.getByLabel('User name').fill('');
   await page.getByRole('button', { name: 'Log in' }).click();
   await page.getByText('Give the user name.').waitFor();
   await page.getByLabel('User name').fill('x');
@@ -90,9 +91,10 @@ test('the plot shows traffic that is made', async () => {
   const scales = await page.locator('[data-interface=lo] .scale').allTextContents();
   assert.match(scales[0], /^\d+ [MG]bit\/s$/);
   assert.equal(scales[0], scales[1], 'one scale for both directions');
-  const line = await page.getAttribute('[data-interface=lo] .line.first', 'd');
-  const heights = line.match(/[\d.]+(?=L|$)/g).map(Number);
-  assert.ok(Math.min(...heights) < 40, `the line rises: ${line}`);
+  await until(async () => {
+    const line = await page.getAttribute('[data-interface=lo] .line.first', 'd');
+    return Math.min(...line.match(/[\d.]+(?=L|M|$)/g).map(Number)) < 40;
+  }, 'the line to rise');
   await context.close();
 });
 
@@ -132,9 +134,12 @@ test('closing the page ends the session', async () => {
 test('everything works by keyboard', async () => {
   const { context, page } = await open(browser);
   await page.getByLabel('User name').waitFor();
-  assert.equal(await page.evaluate(() => document.activeElement.id), 'user');
-  await page.keyboard.type(account.user);
-  await page.keyboard.press('Tab');
+  const first = await page.evaluate(() => document.activeElement.id);
+  assert.equal(first, (await page.getByLabel('User name').inputValue()) ? 'password' : 'user', 'what is to be filled in has the focus');
+  if (first === 'user') {
+    await page.keyboard.type(account.user);
+    await page.keyboard.press('Tab');
+  }
   await page.keyboard.type(account.password);
   await page.keyboard.press('Enter');
   await page.waitForSelector('.status[data-state=live]');
@@ -176,12 +181,14 @@ test('nothing jumps once the page is there', async () => {
   const { context, page } = await openStatus(browser);
   await page.evaluate(() => {
     globalThis.shifts = [];
-    new PerformanceObserver((list) => globalThis.shifts.push(...list.getEntries().map(({ value }) => value))).observe({ type: 'layout-shift' });
+    // The processes change places when their figures do; that is what they are sorted for.
+    const isTable = ({ sources }) => sources.every(({ node }) => (node?.nodeType === 1 ? node : node?.parentElement)?.closest('table'));
+    const watch = (list) => globalThis.shifts.push(...list.getEntries().filter((entry) => !isTable(entry)));
+    new PerformanceObserver(watch).observe({ type: 'layout-shift' });
   });
   for (let i = 0; i < 3; i++) await figuresMove(page);
-  const sum = await page.evaluate(() => globalThis.shifts.reduce((total, value) => total + value, 0));
-  // The processes change places when their figures do; that is what they are sorted for.
-  assert.ok(sum < 0.02, `things moved by ${sum}`);
+  const moved = await page.evaluate(() => globalThis.shifts.map(({ value, sources }) => `${value} ${sources.map(({ node }) => node?.className)}`));
+  assert.deepEqual(moved, []);
   await context.close();
 });
 
@@ -199,16 +206,16 @@ test('the first page is small', async () => {
 
 test('what may be kept is named after its content', async () => {
   const { context, page } = await open(browser);
-  const links = await page.$$eval('link[href], script[src]', (list) => list.map((element) => new URL(element.href || element.src).pathname));
-  const kept = links.filter((path) => path.startsWith('/assets/'));
-  assert.ok(kept.length >= 3);
+  await page.getByLabel('User name').waitFor();
+  const asked = await page.evaluate(() => performance.getEntriesByType('resource').map(({ name }) => new URL(name).pathname));
+  const kept = asked.filter((path) => path.startsWith('/assets/'));
+  assert.ok(kept.length >= 4, `${kept}`);
   for (const path of kept) {
     assert.match(path, /^\/assets\/[0-9a-f]{12}\//);
-    const { headers, status } = await context.request.get(origin + path).then((response) => ({ headers: response.headers(), status: response.status() }));
-    assert.equal(status, 200);
-    assert.equal(headers['cache-control'], 'max-age=31536000');
-    assert.ok(path.endsWith('.svg') || headers['content-encoding'] === 'gzip', path);
+    const response = await context.request.get(origin + path);
+    assert.equal(response.status(), 200);
+    assert.equal(response.headers()['cache-control'], 'max-age=31536000');
+    assert.equal(response.headers()['content-encoding'], 'gzip', path);
   }
-  assert.equal((await context.request.get(origin + '/')).headers()['cache-control'], 'no-store');
   await context.close();
 });

@@ -200,6 +200,45 @@ test('a callback that fails holds up nothing', async () => {
   await session.end();
 });
 
+test('files are written and read back, whatever is in them', async () => {
+  const session = await open();
+  const contents = { 'empty.txt': '', 'notes/today äöü.txt': 'short', 'a/b/c.bin': Buffer.alloc(300000, '\r\n--x\0').toString('latin1') };
+  for (const [name, text] of Object.entries(contents)) {
+    assert.deepEqual(await session.put(name, new Blob([text])), {});
+    const { response } = await session.get(name);
+    assert.equal(await response.text(), text);
+    const { href } = session.link(name);
+    assert.equal(await (await fetch(href)).text(), text);
+    assert.equal((await fetch(href)).status, 403, 'an address holds once');
+  }
+  assert.deepEqual(await session.upload(new File(['by a form'], 'form.txt')), {});
+  assert.equal(await control.read_file('/rw/disk/form.txt'), 'by a form');
+  assert.deepEqual(await session.upload(new Blob(['named']), { name: 'named.txt' }), {});
+  assert.equal(await (await session.get('named.txt')).response.text(), 'named');
+  await session.end();
+  assert.equal((await session.get('named.txt')).error.kind, 'ended');
+  assert.equal(session.link('named.txt').error.kind, 'ended');
+});
+
+test('files that are not there or not allowed are told apart', async () => {
+  const session = await open();
+  const code = async (result) => [(await result).error?.kind, (await result).error?.code];
+  assert.deepEqual(await code(session.get('not/there')), ['service', 404]);
+  assert.deepEqual(await code(session.get('../etc/passwd')), ['service', 404]);
+  assert.deepEqual(await code(session.put('../up', new Blob(['x']))), ['service', 403]);
+  const abort = new AbortController();
+  abort.abort();
+  assert.deepEqual(await code(session.get('x', { signal: abort.signal })), ['unreachable', 0]);
+  await control.tn('call', '13/2', 'addObj', "{s1:'guest',s3:'guest password',s12:'guests'}");
+  const guest = new Session({ url });
+  assert.equal((await guest.login('guest', 'guest password')).error, undefined);
+  assert.deepEqual(await code(guest.get('named.txt')), ['service', 403]);
+  assert.deepEqual(await code(guest.put('mine', new Blob(['x']))), ['service', 403]);
+  assert.equal((await guest.get('/skins/default.json')).error, undefined, "the own skin is everybody's");
+  assert.equal(session.state.name, 'online');
+  await Promise.all([session.end(), guest.end()]);
+});
+
 test('many sessions at once are kept apart', async () => {
   const sessions = [];
   for (let i = 0; i < 12; i++) sessions.push(await open());

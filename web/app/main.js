@@ -4,6 +4,7 @@ import { byId, h, setText } from './dom.js';
 import { Login } from './login.js';
 import { Notices } from './notices.js';
 import { pages } from './pages.js';
+import { loadSkin, pagesOf, shippedSkins, wear } from './skin.js';
 
 const session = new Session();
 const notices = new Notices(byId('notices'));
@@ -12,6 +13,9 @@ const view = byId('page');
 
 /** The page that is shown: its entry of `pages` and what its start returned. */
 let shown = null;
+
+/** The skin of who is logged in; null until it is there. @type {import('./skin.js').Skin|null} */
+let skin = null;
 
 const linkTexts = { online: 'Connected', connecting: 'Connecting', lost: 'No answer' };
 const renewals = {
@@ -46,12 +50,25 @@ function onOnline({ account, renewed }) {
   byId('tabs').hidden = false;
   view.hidden = false;
   if (shown) shown.page.onOnline?.(account);
-  else route();
+  if (skin) route();
+  else dress(account);
+}
+
+async function dress(account) {
+  const loaded = await loadSkin(session, account.skin);
+  if (session.state.account?.user !== account.user) return;
+  skin = loaded;
+  wear(skin);
+  route();
 }
 
 function onOut(state) {
   closePage();
   notices.clearAll();
+  skin = null;
+  wear({});
+  setText(byId('host'), 'tarn');
+  document.title = 'tarn';
   byId('account').hidden = true;
   byId('tabs').hidden = true;
   view.hidden = true;
@@ -80,10 +97,10 @@ function onLost({ retryAt }) {
 
 // Pages
 
-const permitted = () => pages.filter((page) => !page.needs || (session.state.account.policies & page.needs) === page.needs);
+const permitted = () => pagesOf(skin, pages).filter(({ needs }) => (session.state.account.policies & needs) === needs);
 
 function route() {
-  if (!session.state.account) return;
+  if (!session.state.account || !skin) return;
   const list = permitted();
   const wanted = location.hash.replace(/^#\//, '');
   const entry = list.find((page) => page.name === wanted) ?? list[0];
@@ -94,7 +111,7 @@ function route() {
     view.append(h('p', { class: 'empty' }, 'Your group may not see anything here. An administrator can change that.'));
     return;
   }
-  shown = { entry, page: entry.start(view, { session, notices }) };
+  shown = { entry, page: entry.start(view, { session, notices, skins: shippedSkins }) };
 }
 
 function showTabs(list, current) {

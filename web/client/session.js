@@ -2,6 +2,8 @@
 // it is lost it comes back by itself. Nothing here throws or rejects for what can go wrong outside: failures are values.
 
 import { Failure } from './failure.js';
+import { utf8 } from './fields.js';
+import { fetchFile, sendFile } from './files.js';
 import { Subscription } from './subscription.js';
 import { TooLong, Tunnel } from './tunnel.js';
 
@@ -148,6 +150,11 @@ export class Session {
     }
   }
 
+  /** Says that the password of this login has been changed, so that logging in again goes on working. */
+  passwordChanged(password) {
+    if (this.#credentials) this.#credentials = { ...this.#credentials, password };
+  }
+
   /**
    * Sends a command to a service and waits for the answer.
    * @param {number[]} path  The service: [24, 1].
@@ -177,19 +184,47 @@ export class Session {
     return subscription;
   }
 
-  /** A ticket for a request of one's own below the tunnel's address: see files.js. */
-  ticket(payload) {
-    if (this.#state.name !== 'online') return { error: this.#offline() };
-    try {
-      return { ticket: this.#tunnel.ticket(payload) };
-    } catch (error) {
-      return { error: this.#noticed(this.#tunnel, error) };
-    }
+  /**
+   * Fetches a file of the user's store.
+   * @param {string} name  `notes/today.txt`, or `/flash/...`.
+   * @param {{signal?: AbortSignal}} [options]
+   * @returns {Promise<{response?: Response, error?: Failure}>}
+   */
+  get(name, options = {}) {
+    return this.#withTicket(name, options, (ticket) => fetchFile(`${this.#url}?${ticket}`, options));
   }
 
-  /** Where the tunnel is. */
-  get url() {
-    return this.#url;
+  /**
+   * An address under which a file can be fetched once, to be used at once: what travels meanwhile may make it void.
+   * @param {string} name
+   * @returns {{href?: string, error?: Failure}}
+   */
+  link(name) {
+    const { ticket, error } = this.#ticket(name);
+    return error ? { error } : { href: `${this.#url}?${ticket}` };
+  }
+
+  /**
+   * Writes a file of the user's store; folders above it are made.
+   * @param {string} name
+   * @param {Blob} content
+   * @param {import('./files.js').SendOptions} [options]
+   * @returns {Promise<{error?: Failure}>}
+   */
+  put(name, content, options = {}) {
+    return this.#withTicket(name, options, (ticket) => sendFile(`${this.#url}/put?${ticket}`, content, options));
+  }
+
+  /**
+   * Writes a file the way a form does; put() is plainer and takes every content.
+   * @param {Blob} file
+   * @param {import('./files.js').SendOptions & {name?: string}} [options]  `name` in place of that of a File.
+   * @returns {Promise<{error?: Failure}>}
+   */
+  upload(file, { name = file.name ?? 'upload', ...options } = {}) {
+    const form = new FormData();
+    form.append('file', file, name);
+    return this.#withTicket('', options, (ticket) => sendFile(`${this.#url}/upload?${ticket}`, form, options));
   }
 
   /** While the server is lost: tries again now. */
@@ -284,6 +319,28 @@ export class Session {
       if (!(error instanceof Failure) || error.kind !== 'gone') throw error;
       await tunnel.exchange(ping, { timeout: pingPatience });
       return tunnel.exchange(message, options);
+    }
+  }
+
+  #ticket(name) {
+    if (this.#state.name !== 'online') return { error: this.#offline() };
+    try {
+      return { ticket: this.#tunnel.ticket(utf8.encode(name)) };
+    } catch (error) {
+      return { error: this.#noticed(this.#tunnel, error) };
+    }
+  }
+
+  async #withTicket(name, { signal }, request) {
+    const { ticket, error } = this.#ticket(name);
+    if (error) return { error };
+    try {
+      return await request(ticket);
+    } catch (error) {
+      const failure = asFailure(error);
+      // A server that refuses a body early may end the connection in the middle of it; that alone is no loss.
+      if (failure.kind === 'unreachable' && !signal?.aborted) this.#ask();
+      return { error: failure };
     }
   }
 

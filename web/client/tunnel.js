@@ -84,12 +84,13 @@ export class Tunnel {
   }
 
   /**
-   * A frame that proves this session, for the query of a request: its payload names a file.
+   * A frame that proves this session, for the query of a request that is made at once: its payload names a file.
    * @param {Uint8Array} payload
    * @returns {string} percent-encoded
    * @throws {Failure} of kind gone, when the session is used up.
    */
   ticket(payload) {
+    this.#depart(this.#writer.position);
     return encodeURIComponent(bytesToText(this.#seal(payload)));
   }
 

@@ -1,0 +1,270 @@
+// The pages that change something: files, servers, users.
+import assert from 'node:assert/strict';
+import { createHash } from 'node:crypto';
+import { after, before, test } from 'node:test';
+
+import { control, until } from './control.mjs';
+import { account, desktop, launch, logIn, noticed, open, openStatus, origin, phone, sessionState, shots } from './interface.mjs';
+
+let browser;
+before(async () => (browser = await launch()));
+after(() => browser.close());
+
+async function openPage(title, look = desktop) {
+  const opened = await openStatus(browser, look);
+  await opened.page.getByRole('navigation').getByRole('link', { name: title }).click();
+  await opened.page.getByRole('heading', { level: 1, name: title }).waitFor();
+  return opened;
+}
+
+async function loggedIn(user, password) {
+  const opened = await open(browser);
+  await logIn(opened.page, { user, password });
+  return opened;
+}
+
+test('every page fits a phone and a desktop', async () => {
+  for (const [name, look] of [['desktop', desktop], ['phone', phone], ['dark', { ...desktop, colorScheme: 'dark' }]]) {
+    const { context, page, troubles } = await openStatus(browser, look);
+    for (const title of ['Files', 'Servers', 'Users', 'Account']) {
+      await page.getByRole('navigation').getByRole('link', { name: title }).click();
+      await page.getByRole('heading', { level: 1, name: title }).waitFor();
+      if (title === 'Servers') await page.locator('[data-server=http]').waitFor();
+      if (title === 'Users') await page.getByRole('row', { name: 'guests' }).waitFor();
+      assert.equal(await page.evaluate(() => document.documentElement.scrollWidth - innerWidth), 0, `${title} is too wide`);
+      await page.screenshot({ path: `${shots}/${title.toLowerCase()}-${name}.png`, fullPage: true });
+    }
+    await page.getByRole('navigation').getByRole('link', { name: 'Servers' }).click();
+    await page.locator('[data-server=http]').getByRole('button', { name: 'Change' }).click();
+    await page.getByRole('dialog', { name: 'Change http' }).waitFor();
+    await page.screenshot({ path: `${shots}/dialog-${name}.png` });
+    await page.keyboard.press('Escape');
+    assert.equal(await page.getByRole('dialog').count(), 0);
+    assert.deepEqual(troubles, []);
+    await context.close();
+  }
+});
+
+// Files
+
+test('files are stored, with their progress, and fetched again', async () => {
+  const { context, page } = await openPage('Files');
+  const content = Buffer.alloc(5_000_000, 'some bytes of a file\r\n');
+  await page.getByLabel('Folder').fill('backup');
+  await page.setInputFiles('input[type=file]', [
+    { name: 'large.bin', mimeType: 'application/octet-stream', buffer: content },
+    { name: 'small.txt', mimeType: 'text/plain', buffer: Buffer.from('small') },
+  ]);
+  await page.locator('[data-transfer="backup/large.bin"]').getByText('4.77 MiB, stored').waitFor();
+  await page.locator('[data-transfer="backup/small.txt"]').getByText('5 B, stored').waitFor();
+  assert.equal(await page.getByRole('progressbar', { name: 'backup/large.bin' }).getAttribute('value'), '1');
+  assert.equal(await control.file_sum('/rw/disk/backup/large.bin'), createHash('sha256').update(content).digest('hex'));
+  await page.screenshot({ path: `${shots}/files-stored.png`, fullPage: true });
+
+  await page.getByRole('textbox', { name: 'Name' }).fill('backup/small.txt');
+  const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('button', { name: 'Download' }).click()]);
+  assert.equal(download.suggestedFilename(), 'small.txt');
+  const chunks = [];
+  for await (const chunk of await download.createReadStream()) chunks.push(chunk);
+  assert.equal(Buffer.concat(chunks).toString(), 'small');
+
+  await page.getByRole('textbox', { name: 'Name' }).fill('backup/none.txt');
+  await page.getByRole('button', { name: 'Download' }).click();
+  await page.getByText('There is no such file.').waitFor();
+  assert.equal(await sessionState(page), 'online');
+  await context.close();
+});
+
+test('a name that leaves the store is refused', async () => {
+  const { context, page } = await openPage('Files');
+  await page.getByLabel('Folder').fill('../../tarn');
+  await page.setInputFiles('input[type=file]', [{ name: 'x.txt', mimeType: 'text/plain', buffer: Buffer.from('x') }]);
+  await page.locator('[data-transfer="../../tarn/x.txt"]').getByText('Not allowed').waitFor();
+  assert.equal(await control.read_file('/tarn/x.txt'), null);
+  await context.close();
+});
+
+// Users
+
+test('a user is added, logs in, gets another password and group, is disabled and removed', async () => {
+  const { context, page } = await openPage('Users');
+  await page.getByRole('button', { name: 'Add a user' }).click();
+  const dialog = page.getByRole('dialog');
+  await dialog.getByLabel('User name').fill('bob');
+  await dialog.getByLabel('Full name').fill('Bob Ångström');
+  await dialog.getByLabel('Password', { exact: true }).fill('first password');
+  await dialog.getByLabel('Password once more').fill('other password');
+  await dialog.getByRole('button', { name: 'Add' }).click();
+  await dialog.getByText('The two passwords are not the same.').waitFor();
+  await dialog.getByLabel('Password once more').fill('first password');
+  await dialog.getByRole('button', { name: 'Add' }).click();
+  await dialog.waitFor({ state: 'hidden' });
+  const row = page.getByRole('row', { name: 'bob' });
+  await row.getByText('Bob Ångström').waitFor();
+
+  const bob = await loggedIn('bob', 'first password');
+  await bob.page.waitForSelector('.status[data-state=live]');
+  assert.deepEqual(await bob.page.getByRole('navigation').getByRole('link').allTextContents(), ['Status', 'Files', 'Account']);
+  await bob.page.getByRole('navigation').getByRole('link', { name: 'Account' }).click();
+  await bob.page.getByLabel('Present password').fill('wrong password');
+  await bob.page.getByLabel('New password', { exact: true }).fill('second password');
+  await bob.page.getByLabel('New password once more').fill('second password');
+  await bob.page.getByRole('button', { name: 'Change the password' }).click();
+  await bob.page.getByRole('alert').getByText('Wrong password.').waitFor();
+  await bob.page.getByLabel('Present password').fill('first password');
+  await bob.page.getByRole('button', { name: 'Change the password' }).click();
+  await noticed(bob.page, 'The password has been changed.');
+
+  // The session goes on with the new password when the server is started anew.
+  await control.kill('www');
+  await noticed(bob.page, 'The server does not answer.');
+  await control.start('www');
+  await noticed(bob.page, 'The server was started anew.');
+  await bob.context.close();
+  await until(() => sessionState(page).then((state) => state === 'online'), 'the manager to be back');
+
+  await row.getByRole('button', { name: 'Change bob' }).click();
+  await dialog.getByLabel('Group').selectOption('guests');
+  await dialog.getByLabel('Disabled').check();
+  await dialog.getByRole('button', { name: 'Save' }).click();
+  await row.getByText('disabled').waitFor();
+  await row.getByText('guests').waitFor();
+  const refused = await loggedIn('bob', 'second password');
+  await refused.page.getByRole('alert').getByText('User name or password is wrong.').waitFor();
+  await refused.context.close();
+
+  await row.getByRole('button', { name: 'Remove bob' }).click();
+  await dialog.getByRole('button', { name: 'Remove' }).click();
+  await row.waitFor({ state: 'detached' });
+  await context.close();
+});
+
+test('what the user service says no to is shown', async () => {
+  const { context, page } = await openPage('Users');
+  await page.getByRole('button', { name: `Remove ${account.user}`, exact: true }).click();
+  const dialog = page.getByRole('dialog');
+  await dialog.getByRole('button', { name: 'Remove' }).click();
+  await dialog.getByRole('alert').getByText('The last user who may manage users has to stay.').waitFor();
+  await dialog.getByRole('button', { name: 'Cancel' }).click();
+  await page.getByRole('rowheader', { name: account.user, exact: true }).waitFor();
+  await context.close();
+});
+
+test('a group has rights and a skin, which its users wear', async () => {
+  const { context, page } = await openPage('Users');
+  await page.getByRole('button', { name: 'Add a group' }).click();
+  const dialog = page.getByRole('dialog');
+  await dialog.getByLabel('Name').fill('watchers');
+  await dialog.getByLabel('Skin').selectOption('dusk');
+  await dialog.getByRole('button', { name: 'Add' }).click();
+  await page.getByRole('row', { name: 'watchers' }).getByText('dusk').waitFor();
+  await page.getByRole('row', { name: 'watchers' }).getByText('see', { exact: true }).waitFor();
+  await control.tn('call', '13/2', 'addObj', "{s1:'wendy',s3:'some password',s12:'watchers'}");
+  const wendy = await loggedIn('wendy', 'some password');
+  await wendy.page.waitForSelector('.status[data-state=live]');
+  assert.deepEqual(await wendy.page.getByRole('navigation').getByRole('link').allTextContents(), ['Status', 'Account']);
+  const line = wendy.page.locator('[data-interface=lo] .line.first');
+  assert.equal(await line.evaluate((element) => getComputedStyle(element).stroke), 'rgb(91, 75, 179)');
+  await wendy.page.screenshot({ path: `${shots}/skin-dusk.png` });
+  await wendy.context.close();
+  await context.close();
+});
+
+test('a user whom the status is not for sees the own account alone', async () => {
+  await control.tn('call', '13/3', 'addObj', "{s1:'nobodies',ub:0x1000}");
+  await control.tn('call', '13/2', 'addObj', "{s1:'dave',s3:'some password',s12:'nobodies'}");
+  const { context, page } = await loggedIn('dave', 'some password');
+  await page.getByRole('heading', { level: 1, name: 'Account' }).waitFor();
+  assert.deepEqual(await page.getByRole('navigation').getByRole('link').allTextContents(), ['Account']);
+  await context.close();
+});
+
+// Servers
+
+const server = (page, name) => page.locator(`[data-server=${name}]`);
+
+async function changeServer(page, name, values) {
+  await server(page, name).getByRole('button', { name: 'Change' }).click();
+  const dialog = page.getByRole('dialog');
+  for (const [label, value] of Object.entries(values)) {
+    const input = dialog.getByLabel(label);
+    if (typeof value === 'boolean') await input.setChecked(value);
+    else await input.fill(value);
+  }
+  await dialog.getByRole('button', { name: 'Save' }).click();
+  return dialog;
+}
+
+test('servers are added, changed and removed', async () => {
+  const { context, page } = await openPage('Servers');
+  await server(page, 'http').getByText('this page').waitFor();
+  await page.getByRole('button', { name: 'Add a server' }).click();
+  const dialog = page.getByRole('dialog');
+  await dialog.getByLabel('Name').fill('guest');
+  await dialog.getByLabel('Port').fill('70000');
+  await dialog.getByRole('button', { name: 'Add' }).click();
+  await dialog.getByText('A port is a number from 1 to 65535.').waitFor();
+  await dialog.getByLabel('Port').fill(String(await control.free_port()));
+  await dialog.getByLabel('Reachable from').fill('192.168.1.0/24\nfd00::/8, 10.1.2.3\nnonsense');
+  await dialog.getByRole('button', { name: 'Add' }).click();
+  await dialog.getByText('nonsense is no prefix.').waitFor();
+  await dialog.getByLabel('Reachable from').fill('192.168.1.0/24\nfd00::/8, 10.1.2.3');
+  await dialog.getByRole('button', { name: 'Add' }).click();
+  await noticed(page, 'The running server has no server of this name in its configuration.');
+  await server(page, 'guest').getByText('from 192.168.1.0/24, fd00::/8, 10.1.2.3/32').waitFor();
+  await server(page, 'guest').getByText('Problem').waitFor();
+  await page.screenshot({ path: `${shots}/servers-problem.png`, fullPage: true });
+  await server(page, 'guest').getByRole('button', { name: 'Remove' }).click();
+  await dialog.getByRole('button', { name: 'Remove' }).click();
+  await server(page, 'guest').waitFor({ state: 'detached' });
+
+  const port = await control.free_port();
+  await changeServer(page, 'https', { Port: String(port), Certificate: '7' });
+  await server(page, 'https').getByText(`Port ${port}, certificate 7, from 127.0.0.0/8, ::1/128`).waitFor();
+  await changeServer(page, 'https', { Listen: false });
+  await server(page, 'https').getByText('Off').waitFor();
+  assert.equal(await control.refuses(port), true);
+  await context.close();
+});
+
+test('a port that is taken is not taken, and the page stays', async () => {
+  const { context, page } = await openPage('Servers');
+  const dialog = await changeServer(page, 'http', { Port: String(await control.occupy()) });
+  await dialog.getByText('The port is taken by something else, or may not be used. Nothing has been changed.').waitFor();
+  await dialog.getByRole('button', { name: 'Cancel' }).click();
+  await server(page, 'http').getByText(`Port ${new URL(origin).port},`).waitFor();
+  assert.equal((await context.request.get(origin + '/favicon.ico')).status(), 200);
+  await context.close();
+});
+
+test('nobody locks out the own browser', async () => {
+  const { context, page } = await openPage('Servers');
+  const dialog = await changeServer(page, 'http', { 'Reachable from': '10.0.0.0/8' });
+  await dialog.getByText('This browser would have been locked out. Nothing has been changed.').waitFor();
+  await page.screenshot({ path: `${shots}/servers-locked-out.png` });
+  await dialog.getByRole('button', { name: 'Cancel' }).click();
+  await server(page, 'http').getByText('from 127.0.0.0/8, ::1/128').waitFor();
+  assert.equal((await context.request.get(origin + '/favicon.ico')).status(), 200);
+
+  const again = await changeServer(page, 'http', { Listen: false });
+  await again.getByText('This page comes through this server.').waitFor();
+  assert.equal((await context.request.get(origin + '/favicon.ico')).status(), 200, 'nothing has happened yet');
+  await again.getByRole('button', { name: 'Cancel' }).click();
+
+  await changeServer(page, 'http', { 'Reachable from': '127.0.0.1\n::1' });
+  await server(page, 'http').getByText('from 127.0.0.1/32, ::1/128').waitFor();
+  await context.close();
+});
+
+// The last one: the others know the old address.
+test('the page follows its server to another port', async () => {
+  const { context, page } = await openPage('Servers');
+  const port = await control.free_port();
+  await changeServer(page, 'http', { Port: String(port) });
+  await noticed(page, `The server has moved to http://127.0.0.1:${port}/. Log in there.`);
+  await page.waitForURL(`http://127.0.0.1:${port}/`);
+  assert.equal(await control.refuses(Number(new URL(origin).port)), true);
+  await logIn(page);
+  await page.waitForSelector('.status[data-state=live]');
+  await context.close();
+});

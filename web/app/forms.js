@@ -1,0 +1,80 @@
+// Forms and dialogs.
+import { h, setText } from './dom.js';
+
+let labels = 0;
+
+/** A labelled input with a word of help below it. */
+export function field(label, input, help) {
+  const id = `field-${++labels}`;
+  input.id = id;
+  if (help) input.setAttribute('aria-describedby', `${id}-help`);
+  return h('div', { class: 'field' }, h('label', { for: id }, label), input, help ? h('p', { class: 'help', id: `${id}-help` }, help) : null);
+}
+
+/** A box that is ticked. */
+export function checkbox(label, checked, help) {
+  const input = h('input', { type: 'checkbox' });
+  input.checked = checked;
+  const element = h('label', { class: 'check' }, input, h('span', {}, label, help ? h('span', { class: 'help' }, help) : null));
+  return { element, input };
+}
+
+/**
+ * Asks in a dialog. The action runs while the dialog is open and says what is wrong, or gives nothing when it is done.
+ * @param {object} question
+ * @param {string} question.title
+ * @param {(Node|string)[]} question.content
+ * @param {string} question.label  Of the button that does it.
+ * @param {boolean} [question.danger]
+ * @param {() => Promise<string|null|undefined>} question.action
+ * @returns {Promise<boolean>} whether it was done
+ */
+export function ask({ title, content, label, danger, action }) {
+  return new Promise((resolve) => {
+    const message = h('p', { class: 'message', role: 'alert' });
+    const go = h('button', { type: 'submit', class: danger ? 'danger' : 'primary' }, label);
+    const cancel = h('button', { type: 'button', onclick: () => dialog.close() }, 'Cancel');
+    const titleId = `field-${++labels}`;
+    const form = h('form', { novalidate: true }, h('h2', { id: titleId }, title), ...content, message, h('div', { class: 'buttons' }, cancel, go));
+    const dialog = h('dialog', { 'aria-labelledby': titleId }, form);
+    let done = false;
+    form.addEventListener('submit', async (event) => {
+      event.preventDefault();
+      go.disabled = true;
+      setText(message, '');
+      const wrong = await action();
+      go.disabled = false;
+      if (wrong) return setText(message, wrong);
+      done = true;
+      dialog.close();
+    });
+    dialog.addEventListener('close', () => {
+      dialog.remove();
+      resolve(done);
+    });
+    document.body.append(dialog);
+    dialog.showModal();
+  });
+}
+
+/** What a failure means, in words for a person. */
+export function failureText(failure) {
+  if (failure.serviceAway) return 'The service does not answer. Try again in a moment.';
+  switch (failure.kind) {
+    case 'service':
+      return failure.text ? sentence(failure.text) : `The service refuses (error ${failure.code.toString(16)}).`;
+    case 'timeout':
+      return 'No answer in time. Look whether it was done before you try again.';
+    case 'invalid':
+      return `That cannot be sent: ${failure.text}.`;
+    case 'malformed':
+      return 'The answer made no sense.';
+    default:
+      return 'The server does not answer.';
+  }
+}
+
+/** A service's words as a sentence. */
+export function sentence(text) {
+  return `${text[0].toUpperCase()}${text.slice(1)}${/[.!?]$/.test(text) ? '' : '.'}`;
+}
