@@ -94,3 +94,36 @@ test('the page can be read without script', async () => {
   assert.ok(await page.isVisible('noscript p'));
   await context.close();
 });
+
+test('a start page of another version is fetched again', async () => {
+  const context = await browser.newContext(looks[0]);
+  const page = await context.newPage();
+  let fetched = 0;
+  await page.route(`${origin}/`, async (route) => {
+    const response = await route.fetch();
+    fetched += 1;
+    const text = await response.text();
+    const body = fetched === 1 ? text.replace(/data-assets="[^"]*"/, 'data-assets="/assets/0123456789ab/"') : text;
+    await route.fulfill({ response, body });
+  });
+  await page.goto(origin + '/');
+  await page.getByLabel('User name').waitFor();
+  assert.equal(fetched, 2);
+  assert.equal(await page.evaluate(() => performance.getEntriesByType('navigation')[0].type), 'reload');
+  await context.close();
+});
+
+test('the page of the desktop client leads to it', async () => {
+  const context = await browser.newContext(looks[0]);
+  const page = await context.newPage();
+  const troubles = watch(page, origin);
+  await page.goto(origin + '/');
+  await page.getByText('Desktop client').click();
+  await page.waitForURL(`${origin}/varnox/`);
+  await page.screenshot({ path: `${shots}/desktop-client.png` });
+  const [download] = await Promise.all([page.waitForEvent('download'), page.getByText('tn-remote.tgz', { exact: true }).click()]);
+  assert.equal(download.suggestedFilename(), 'tn-remote.tgz');
+  assert.equal(await download.failure(), null);
+  assert.deepEqual(troubles, []);
+  await context.close();
+});
