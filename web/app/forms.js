@@ -26,7 +26,7 @@ export function checkbox(label, checked, help) {
  * @param {(Node|string)[]} question.content
  * @param {string} question.label  Of the button that does it.
  * @param {boolean} [question.danger]
- * @param {() => Promise<string|null|undefined>} question.action
+ * @param {(tell: (text: string) => void) => Promise<string|null|undefined>} question.action  May tell what is going on.
  * @returns {Promise<boolean>} whether it was done
  */
 export function ask({ title, content, label, danger, action }) {
@@ -41,10 +41,13 @@ export function ask({ title, content, label, danger, action }) {
     form.addEventListener('submit', async (event) => {
       event.preventDefault();
       go.disabled = true;
+      message.dataset.tone = 'info';
       setText(message, '');
-      const wrong = await action();
+      const wrong = await action((text) => setText(message, text));
       go.disabled = false;
-      if (wrong) return setText(message, wrong);
+      message.dataset.tone = 'bad';
+      setText(message, wrong ?? '');
+      if (wrong) return;
       done = true;
       dialog.close();
     });

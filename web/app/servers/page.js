@@ -80,7 +80,6 @@ export function startServers(place, { session, notices }) {
     const certificate = h('input', { value: before.certificate === noCertificate ? '' : String(before.certificate), inputmode: 'numeric', autocomplete: 'off' });
     const allowed = h('textarea', { rows: 4, spellcheck: 'false' }, before.allowed.join('\n'));
     const enabled = checkbox('Listen', before.enabled);
-    const progress = h('p', { class: 'soft', role: 'status' });
     let warned = false;
 
     const read = () => ({
@@ -100,9 +99,8 @@ export function startServers(place, { session, notices }) {
         field('Port', port),
         field('Reachable from', allowed, 'One prefix a line, such as 192.168.1.0/24 or fd00::/8. Empty: from everywhere.'),
         field('Certificate', certificate, 'The number that the TLS service knows it by; empty: none.'),
-        progress,
       ].filter(Boolean),
-      async action() {
+      async action(tell) {
         const wanted = read();
         const wrong = complaint(wanted);
         if (wrong) return wrong;
@@ -113,8 +111,7 @@ export function startServers(place, { session, notices }) {
           return 'This page comes through this server. Without it you need another way in. Save once more if you have one.';
         }
         if (!wanted.enabled) return change(session, wanted).then(afterChange);
-        const { wrong: refused, moved } = await changeOwn(session, before, wanted, (text) => (progress.textContent = text));
-        progress.textContent = '';
+        const { wrong: refused, moved } = await changeOwn(session, before, wanted, tell);
         if (moved) follow(moved);
         return refused;
       },

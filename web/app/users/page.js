@@ -156,13 +156,22 @@ export function startUsers(place, { session, skins }) {
   };
 }
 
+// On a phone the rows are laid out as blocks, so what they are is said in so many words.
 function table(label, titles, rows) {
   const heads = titles.map((title) => h('th', { scope: 'col' }, title || h('span', { class: 'hidden' }, 'What can be done')));
-  return h('div', { class: 'panel' }, h('div', { class: 'scroll' }, h('table', { class: 'list', 'aria-label': label }, h('thead', {}, h('tr', {}, ...heads)), rows)));
+  rows.setAttribute('role', 'rowgroup');
+  return h('div', { class: 'panel' }, h('table', { class: 'list', role: 'table', 'aria-label': label }, h('thead', {}, h('tr', {}, ...heads)), rows));
 }
 
 function row(name, second, third, buttons) {
-  return h('tr', {}, h('th', { scope: 'row' }, ...name), h('td', {}, second), h('td', {}, third), h('td', { class: 'actions' }, ...buttons));
+  return h(
+    'tr',
+    { role: 'row' },
+    h('th', { scope: 'row', role: 'rowheader' }, ...name),
+    h('td', { role: 'cell' }, second),
+    h('td', { role: 'cell' }, third),
+    h('td', { role: 'cell' }, h('div', { class: 'buttons' }, ...buttons)),
+  );
 }
 
 const button = (title, onclick, label) => h('button', { type: 'button', class: 'plain', onclick, 'aria-label': label }, title);
