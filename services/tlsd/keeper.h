@@ -25,7 +25,7 @@ class Keeper {
   static constexpr std::uint32_t lookMs = 1000;
   static constexpr std::uint32_t careMs = 3'600'000;  // between new ticket keys, and looks at the dates
   // A certificate of one's own is replaced that long before it ends.
-  static constexpr std::int64_t renewSeconds = std::int64_t{30} * 24 * 60 * 60;
+  static constexpr std::int64_t renewSeconds = 30 * std::int64_t{86'400};
 
   enum class Source : std::uint8_t {
     none,       // there is no certificate: not even one of one's own could be made

@@ -9,7 +9,7 @@
 namespace tlsd {
 namespace {
 
-constexpr std::int64_t daySeconds = 24 * 60 * 60;
+constexpr std::int64_t daySeconds = 86'400;
 constexpr int serialBits = 127;  // unpredictable, and positive in 16 bytes
 constexpr std::size_t maxCommonName = 64;
 // By this a certificate is known as this system's own work.

@@ -177,8 +177,11 @@ class SessionTest : public ::testing::Test {
   }
   void TearDown() override {
     peers_.clear();
-    handOvers_.clear();
-    turn();
+    for (int times = 0; times < 2; ++times) {
+      for (HandOver& one : handOvers_)
+        one.plain.reset();
+      turn();
+    }
     advance(lingerMs);
     EXPECT_EQ(sessions_->handshakes() + sessions_->relays() + sessions_->closing(), 0U);
     EXPECT_EQ(openDescriptors(), descriptors_);
