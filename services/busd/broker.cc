@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <utility>
 
 #include "platform/log.h"
+#include "services/busd/impatience.h"
 #include "services/busd/wire.h"
 
 namespace busd {
@@ -108,6 +110,8 @@ bool Broker::adopt(UniqueFd socket, uid_t uid) {
   auto client = std::make_unique<Client>(std::move(socket), uid, trusted, queuedTotal_);
   if (!poller_.addConnection(client->socket.get(), client.get())) {
     logSystemError("epoll_ctl");
+    const Impatience impatience;
+    client.reset();
     return false;
   }
   client->timer.setCallback([this, &joining = *client] { onDeadline(joining); });
@@ -128,6 +132,12 @@ void Broker::turnAway(UniqueFd socket) {
   iovec part{frame.data(), frame.size()};
   (void)sendParts(socket.get(), {&part, 1});
   logLine("a program was refused: too many programs");
+  const Impatience impatience;
+  socket.reset();
+}
+
+void Broker::noteNumber(int descriptor) {
+  if (descriptor >= limits_.scarceFrom) scarce_ = true;
 }
 
 // A read that takes less than it was offered has taken all there was, and the kernel announces what comes later; but it
@@ -140,7 +150,12 @@ void Broker::read(Client& client) {
   }
   const auto space = std::span(*space_).subspan(spaceUsed_);
   Intake::Room room = client.intake.prepare(space.first(std::min(space.size(), bytesPerRead)));
+  // What finds no number here is closed by the kernel.
+  std::optional<Impatience> impatience;
+  if (scarce_) impatience.emplace();
   Received received = receive(client.socket.get(), std::span(room.parts).first(room.count));
+  impatience.reset();
+  noteNumber(received.highest);
   switch (received.outcome) {
     case Received::Outcome::nothing:
       return;
@@ -263,6 +278,8 @@ void Broker::bury(Client& client) {
   const std::size_t slot = client.slot;
   std::swap(clients_[slot], clients_.back());
   clients_[slot]->slot = slot;
+  // It may have sent descriptors that nobody will read.
+  const Impatience impatience;
   clients_.pop_back();
 }
 

@@ -55,6 +55,7 @@ class Broker {
   void accept();
   void pauseAccepting(bool paused);
   void turnAway(UniqueFd socket);
+  void noteNumber(int descriptor);
 
   void onEvent(const epoll_event& event);
   void read(Client& client);
@@ -87,6 +88,7 @@ class Broker {
 
   int listener_ = -1;
   bool acceptFailing_ = false;
+  bool scarce_ = false;  // descriptors have nearly run out before
   tn::Timer acceptPause_;
   int stopFd_ = -1;
   bool stopped_ = false;

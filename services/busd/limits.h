@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 #include "platform/bus/frame.h"
 
@@ -23,6 +24,8 @@ struct Limits {
   std::size_t allQueuesBytes = 64U << 20;
   // Descriptors that wait for one program.
   std::size_t queuedDescriptors = 64;
+  // A descriptor with this number or a higher one is a sign that the next receive may find too few of them free.
+  int scarceFrom = std::numeric_limits<int>::max();
   // Bytes held for frames whose end has not come, announced lengths counted; beyond, the oldest such frame is given up.
   std::size_t unfinishedBytes = 64U << 20;
 

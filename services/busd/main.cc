@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <malloc.h>
 #include <sys/resource.h>
@@ -9,11 +10,14 @@
 #include "platform/log.h"
 #include "services/busd/broker.h"
 #include "services/busd/listener.h"
+#include "services/busd/wire.h"
 
 namespace {
 
 // Descriptors for the broker itself, and for those that are on their way through it.
 constexpr rlim_t spareDescriptors = 64;
+// Between two looks at how many there are, no more of them are taken than one receive can bring, or one turn accepts.
+constexpr rlim_t scarceDescriptors = 2 * busd::descriptorsPerSend;
 
 // As many descriptors as the system allows; says how many that are.
 rlim_t raiseDescriptorLimit() {
@@ -29,6 +33,9 @@ busd::Limits limitsFor(rlim_t descriptors) {
   const rlim_t usable = descriptors > 2 * spareDescriptors ? descriptors - spareDescriptors : spareDescriptors;
   limits.clients = static_cast<std::size_t>(std::min<rlim_t>(limits.clients, usable));
   limits.trustedClients = std::min(limits.trustedClients, limits.clients / 2);
+  if (descriptors < INT_MAX) {
+    limits.scarceFrom = static_cast<int>(descriptors) - static_cast<int>(std::min(descriptors, scarceDescriptors));
+  }
   return limits;
 }
 

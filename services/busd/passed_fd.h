@@ -3,15 +3,16 @@
 #include <utility>
 
 #include "platform/unique_fd.h"
+#include "services/busd/impatience.h"
 
 namespace busd {
 
 // A descriptor on its way from one program to another; the broker's own copy of it.
 //
-// Whoever sent it may have closed theirs, and then the broker's close is the last. The last close of a socket that
-// lingers waits until its peer has taken what was written, as long as the sender of the descriptor chose, also when the
-// socket is non-blocking: one message to nobody would stop the bus. So a descriptor that is not delivered lingers no
-// more when it is closed. One that was delivered is left as it is, since it is the receiver's.
+// Whoever sent it may have closed theirs, and so may the receiver: then the broker's close is the last, and would wait
+// for a socket that lingers. It never does for longer than Impatience allows, and one that is not delivered does not
+// even do that: it lingers no more when it is closed. One that was delivered is left as it is, since it is the
+// receiver's.
 class PassedFd {
  public:
   PassedFd() = default;
@@ -35,7 +36,10 @@ class PassedFd {
     if (fd_) dropOpen();
   }
   // Closes it when the kernel has another copy for the receiver.
-  void delivered() { fd_.reset(); }
+  void delivered() {
+    const Impatience impatience;
+    fd_.reset();
+  }
 
  private:
   void dropOpen();

@@ -1,5 +1,6 @@
 #include "services/busd/wire.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
@@ -8,12 +9,12 @@ namespace busd {
 
 namespace {
 
-// Room for two descriptors, so that one too many is seen as such.
-constexpr std::size_t controlBytes = CMSG_SPACE(2 * sizeof(int));
+// Room for as many as one send can carry: those that find none are closed by the kernel while it receives.
+constexpr std::size_t controlBytes = CMSG_SPACE(descriptorsPerSend * sizeof(int));
 
 // Takes every descriptor out of the control data; the first is kept, the others are closed. Returns how many there
-// were.
-std::size_t takeDescriptors(msghdr& header, PassedFd& kept) {
+// were, and the highest number among them.
+std::size_t takeDescriptors(msghdr& header, PassedFd& kept, int& highest) {
   std::size_t count = 0;
   for (cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr; part = CMSG_NXTHDR(&header, part)) {
     if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
@@ -21,6 +22,7 @@ std::size_t takeDescriptors(msghdr& header, PassedFd& kept) {
     for (std::size_t i = 0; i < here; ++i) {
       int number = -1;
       std::memcpy(&number, CMSG_DATA(part) + i * sizeof(int), sizeof number);
+      highest = std::max(highest, number);
       PassedFd descriptor{UniqueFd(number)};
       if (count++ == 0) kept = std::move(descriptor);
     }
@@ -29,7 +31,7 @@ std::size_t takeDescriptors(msghdr& header, PassedFd& kept) {
 }
 
 void noteDescriptors(msghdr& header, Received& received) {
-  const std::size_t count = takeDescriptors(header, received.descriptor);
+  const std::size_t count = takeDescriptors(header, received.descriptor, received.highest);
   const bool cut = (header.msg_flags & MSG_CTRUNC) != 0;
   if (count > 1 || (count == 1 && cut)) {
     received.descriptor.drop();

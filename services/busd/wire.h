@@ -9,6 +9,9 @@
 
 namespace busd {
 
+// As many descriptors as the kernel takes with one send.
+inline constexpr std::size_t descriptorsPerSend = 253;
+
 // One receive and one send on a connected unix stream socket, with at most one descriptor. Neither ever blocks.
 
 struct Received {
@@ -27,6 +30,7 @@ struct Received {
   Descriptor passed = Descriptor::none;
   std::size_t count = 0;
   PassedFd descriptor;
+  int highest = -1;  // of the numbers that the descriptors that came got here, -1 without any
 };
 
 // The kernel ends a receive behind the piece of the stream that brought a descriptor: after Descriptor other than none
