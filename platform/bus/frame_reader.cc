@@ -20,6 +20,14 @@ struct alignas(cmsghdr) ControlBuffer {
   std::array<char, CMSG_SPACE(sizeof(int) * descriptorRoom)> bytes;
 };
 
+// The last close of a socket that lingers waits for its peer, non-blocking or not: as long as whoever sent it chose.
+// What nobody asked for is closed as soon as it has come, and the loop must not stop for it.
+void endLinger(int descriptor) {
+  const linger none{};
+  // Anything but a socket refuses, and does not linger.
+  (void)setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+}
+
 // The first descriptor of the message; the others are closed.
 UniqueFd takeDescriptors(msghdr& header) {
   UniqueFd first;
@@ -30,6 +38,7 @@ UniqueFd takeDescriptors(msghdr& header) {
       int number = -1;
       std::memcpy(&number, CMSG_DATA(part) + i * sizeof(int), sizeof number);
       UniqueFd descriptor(number);
+      endLinger(number);
       if (!first) first = std::move(descriptor);
     }
   }

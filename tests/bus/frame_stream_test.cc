@@ -178,6 +178,20 @@ TEST_F(FrameStreamTest, DescriptorsStayWithTheirFrames) {
     EXPECT_TRUE(pipe.allWritersClosed());  // the sender kept no copy
 }
 
+TEST_F(FrameStreamTest, ASocketThatComesLingersNoMore) {
+  UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const linger longest{1, 3600};
+  ASSERT_EQ(setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &longest, sizeof longest), 0);
+  append(1, pattern(5), std::move(socket));
+  EXPECT_EQ(queue.flush(pair.here.get()), FrameQueue::Flush::done);
+  readAll();
+  ASSERT_EQ(got.size(), 1U);
+  linger now{};
+  socklen_t size = sizeof now;
+  ASSERT_EQ(getsockopt(got[0].descriptor.get(), SOL_SOCKET, SO_LINGER, &now, &size), 0);
+  EXPECT_EQ(now.l_onoff, 0);
+}
+
 TEST_F(FrameStreamTest, ADescriptorStaysWithAFrameThatIsSentInParts) {
   Pipe pipe;
   const Bytes large = pattern(1U << 20);
