@@ -25,7 +25,7 @@ endfunction()
 # that holds no libraries; sanitizers need the dynamic loader, so their builds stay dynamic.
 function(tarn_program name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
-  add_executable(${name} ${arg_SOURCES})
+  add_executable(${name} ${arg_SOURCES} ${CMAKE_SOURCE_DIR}/platform/terminate.cc)
   target_link_libraries(${name} PRIVATE tarn_options ${arg_LINK})
   if(NOT TARN_SANITIZE)
     target_link_options(${name} PRIVATE -static)

@@ -1,5 +1,6 @@
 // What the C++ library runs when the program cannot go on, in place of its own handler, which would bring the demangler
-// for the name of an exception: a twentieth of the program, for a line that says less than the core does.
+// for the name of an exception: a twentieth of the program, for a line that says less than the core does. It is linked
+// into each program by itself, because from a library it would come too late to be preferred.
 
 #include <cstdlib>
 
