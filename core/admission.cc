@@ -78,10 +78,21 @@ bool isAllowed(const ServerEntry& entry, const IPAddr6& peer) {
                      [&peer](const IPPrefix6& prefix) { return prefix.has(peer); });
 }
 
-void watchListeners(ServerEntry& entry, unsigned mask) {
+// False: the kernel has refused it for one of them.
+bool watchListener(const UniqueFd& listener, unsigned mask) {
+  return !listener || tn::getRunner()->changeSocket(listener.get(), mask);
+}
+
+bool watchListeners(ServerEntry& entry, unsigned mask) {
+  const bool tcp = watchListener(entry.tcpSocket, mask);
+  return watchListener(entry.unixSocket, mask) && tcp;
+}
+
+void startPause(ServerEntry& entry) {
   tn::ThinRunner& runner = *tn::getRunner();
-  runner.changeSocket(entry.tcpSocket.get(), mask);
-  if (entry.unixSocket) runner.changeSocket(entry.unixSocket.get(), mask);
+  // Both listeners may find the limit passed in one turn: one pause is enough.
+  runner.removeTimer(entry.pauseTimer);
+  entry.pauseTimer = runner.addTimer(pauseMs, [&entry] { resumeAccepting(entry); });
 }
 
 void handOverToTls(ServerEntry& entry, UniqueFd socket, bool unixListener) {
@@ -145,15 +156,13 @@ void acceptUnixConnection(ServerEntry& entry) {
 
 void pauseAccepting(ServerEntry& entry) {
   watchListeners(entry, 0);
-  tn::ThinRunner& runner = *tn::getRunner();
-  // Both listeners may find the limit passed in one turn: one pause is enough.
-  runner.removeTimer(entry.pauseTimer);
-  entry.pauseTimer = runner.addTimer(pauseMs, [&entry] { resumeAccepting(entry); });
+  startPause(entry);
 }
 
 void resumeAccepting(ServerEntry& entry) {
   entry.pauseTimer = 0;
-  watchListeners(entry, tn::readable);
+  // One that is not watched again would be deaf for good.
+  if (!watchListeners(entry, tn::readable)) startPause(entry);
 }
 
 void newConnection(ServerEntry& entry, UniqueFd socket, bool handOver, bool unixListener) {

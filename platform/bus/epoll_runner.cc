@@ -4,6 +4,8 @@
 #include <sys/ioctl.h>
 #include <utility>
 
+#include "platform/log.h"
+
 namespace tn {
 
 namespace {
@@ -48,7 +50,9 @@ bool makeNonBlocking(int fd) {
 EpollRunner::EpollRunner(unsigned eventsPerWait, unsigned roundsPerTurn)
     : epoll_(epoll_create1(EPOLL_CLOEXEC)),
       roundsPerTurn_(roundsPerTurn != 0 ? roundsPerTurn : defaultRoundsPerTurn),
-      events_(eventsPerWait != 0 ? eventsPerWait : defaultEventsPerWait) {}
+      events_(eventsPerWait != 0 ? eventsPerWait : defaultEventsPerWait) {
+  if (!epoll_) logSystemError("epoll_create1");
+}
 
 EpollRunner::Slot* EpollRunner::find(int fd) {
   if (fd < 0 || static_cast<std::size_t>(fd) >= slots_.size()) return nullptr;

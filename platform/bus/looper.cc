@@ -69,8 +69,11 @@ class Looper::StopSignals {
     sigaddset(&stops, SIGINT);
     sigprocmask(SIG_BLOCK, &stops, &before_);
     socket_.reset(signalfd(-1, &stops, SFD_NONBLOCK | SFD_CLOEXEC));
-    if (!socket_) logSystemError("signalfd");
-    looper_.runner().addSocket(socket_.get(), readable, [this](int, unsigned) { onSignal(); });
+    const auto callback = [this](int, unsigned) { onSignal(); };
+    if (socket_ && looper_.runner().addSocket(socket_.get(), readable, callback)) return;
+    // Blocked and read by nobody, the signals would be lost: the program could not be told to end.
+    logSystemError("signalfd");
+    sigprocmask(SIG_SETMASK, &before_, nullptr);
   }
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;

@@ -145,10 +145,11 @@ void SocketLink::flush() {
 void SocketLink::write() {
   switch (queue_.flush(socket_.get())) {
     case FrameQueue::Flush::done:
-      if (std::exchange(blocked_, false)) runner_.changeSocket(socket_.get(), readable);
+      if (blocked_) blocked_ = !runner_.changeSocket(socket_.get(), readable);
       break;
     case FrameQueue::Flush::blocked:
-      if (!std::exchange(blocked_, true)) runner_.changeSocket(socket_.get(), readable | writable);
+      if (!blocked_) blocked_ = runner_.changeSocket(socket_.get(), readable | writable);
+      if (!blocked_) giveUp("cannot watch the socket");
       break;
     case FrameQueue::Flush::failed:
       giveUp("the broker is gone");

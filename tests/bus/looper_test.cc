@@ -6,6 +6,7 @@
 #include <csignal>
 #include <functional>
 #include <gtest/gtest.h>
+#include <memory>
 #include <optional>
 #include <string>
 #include <sys/resource.h>
@@ -17,6 +18,8 @@
 #include "platform/bus/socket_link.h"
 #include "tests/bus/small_broker.h"
 #include "tests/bus/sockets.h"
+#include "tests/fakes/fake_runner.h"
+#include "tests/fakes/recording_bus.h"
 
 namespace tn {
 namespace {
@@ -253,6 +256,26 @@ TEST_F(LooperRunTest, StopSignalsEndIt) {
     sigprocmask(SIG_BLOCK, nullptr, &after);
     EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal));
   }
+}
+
+// As a kernel without memory for one more socket refuses it: the signals must not be blocked with nobody to read them.
+TEST(LooperStopSignals, StayAsTheyAreWhenTheyCannotBeWatched) {
+  class Refusing : public fakes::FakeRunner {
+   public:
+    bool turn(bool) override {
+      sigset_t mask{};
+      sigprocmask(SIG_BLOCK, nullptr, &mask);
+      blocked = sigismember(&mask, SIGTERM);
+      return false;
+    }
+    int blocked = -1;
+  };
+  auto owned = std::make_unique<Refusing>();
+  Refusing& runner = *owned;
+  runner.refuseAdds = true;
+  Looper looper(std::move(owned), std::make_unique<fakes::RecordingBus>());
+  looper.run();
+  EXPECT_EQ(runner.blocked, 0);
 }
 
 TEST_F(LooperRunTest, StopSignalsCanBeLeftAsTheyAre) {

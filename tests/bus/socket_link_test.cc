@@ -319,6 +319,20 @@ TEST_F(SocketLinkTest, ABrokerThatDoesNotReadIsWaitedFor) {
   EXPECT_TRUE(send(1, large));
 }
 
+// Nobody would ever tell it that there is room again.
+TEST_F(SocketLinkTest, ALinkThatTheKernelRefusesToWatchForRoomIsGivenUp) {
+  join();
+  runner.refuseChanges = true;
+  while (send(1, pattern(10000))) {
+  }
+  runner.refuseChanges = false;
+  EXPECT_FALSE(send(1, pattern(1)));
+  readable();
+  EXPECT_EQ(link->id(), 0U);
+  runner.advance(20);
+  joinAgain(1001);
+}
+
 TEST_F(SocketLinkTest, ManyFramesAreDealtWithInPortions) {
   settings.framesPerTurn = 4;
   join();

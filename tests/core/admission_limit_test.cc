@@ -64,8 +64,7 @@ TEST_F(AdmissionTest, APauseLooksAtATcpSocketThatIsNotThere) {
   using Operation = tn::fakes::FakeRunner::Operation;
   using Call = tn::fakes::FakeRunner::Call;
   const int fd = entry.unixSocket.get();
-  EXPECT_THAT(runner.calls, ElementsAre(Call{Operation::change, -1, 0, false}, Call{Operation::change, fd, 0, true},
-                                        Call{Operation::change, -1, 1, false}, Call{Operation::change, fd, 1, true}));
+  EXPECT_THAT(runner.calls, ElementsAre(Call{Operation::change, fd, 0, true}, Call{Operation::change, fd, 1, true}));
 }
 
 TEST_F(AdmissionTest, ClosingTheListenersEndsThePause) {
@@ -90,6 +89,19 @@ TEST_F(AdmissionTest, PausingTwiceIsOnePause) {
   runner.calls.clear();
   runner.advance(10);
   EXPECT_THAT(runner.calls, IsEmpty());
+}
+
+TEST_F(AdmissionTest, AListenerThatTheKernelRefusesIsWatchedLater) {
+  ServerEntry& entry = openPlain();
+  pauseAccepting(entry);
+  runner.refuseChanges = true;
+  runner.advance(20);
+  EXPECT_EQ(runner.mask(entry.tcpSocket.get()), 0U);
+  runner.refuseChanges = false;
+  runner.advance(1);
+  EXPECT_EQ(runner.mask(entry.tcpSocket.get()), tn::readable);
+  EXPECT_EQ(runner.mask(entry.unixSocket.get()), tn::readable);
+  EXPECT_EQ(entry.pauseTimer, 0U);
 }
 
 TEST_F(AdmissionTest, AReopenedListenerIsWatchedAtOnce) {

@@ -50,7 +50,7 @@ class FakeRunner : public ThinRunner {
 
   bool changeSocket(int fd, unsigned mask) override {
     const auto found = sockets_.find(fd);
-    const bool known = found != sockets_.end();
+    const bool known = found != sockets_.end() && !refuseChanges;
     if (known) found->second->mask = mask;
     calls.push_back({Operation::change, fd, mask, known});
     return known;
@@ -108,7 +108,8 @@ class FakeRunner : public ThinRunner {
   }
 
   std::vector<Call> calls;
-  bool refuseAdds = false;  // as a kernel that has no room for more
+  bool refuseAdds = false;     // as a kernel that has no room for more
+  bool refuseChanges = false;  // as one that has no memory for it
 
  private:
   // Immediate timers that arm themselves again are run this often at one instant before time goes on.
