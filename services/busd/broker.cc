@@ -97,8 +97,9 @@ void Broker::accept() {
 }
 
 void Broker::pauseAccepting(bool paused) {
-  poller_.pauseLevel(listener_, &listener_, paused);
-  if (paused) acceptPause_.start(timers_, limits_.acceptPauseMs);
+  // Where the listener is not watched again now, it is tried again later.
+  const bool done = poller_.pauseLevel(listener_, &listener_, paused);
+  if (paused || !done) acceptPause_.start(timers_, limits_.acceptPauseMs);
 }
 
 bool Broker::adopt(UniqueFd socket, uid_t uid) {

@@ -69,7 +69,9 @@ std::expected<Listener, std::string> Listener::open(const std::string& path) {
   const std::string lockPath = path + ".lock";
   UniqueFd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, lockMode));
   if (!lock) return failure("cannot open", lockPath);
-  if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0 || answers(*address)) {
+  const bool locked = flock(lock.get(), LOCK_EX | LOCK_NB) == 0;
+  if (!locked && errno != EWOULDBLOCK) return failure("cannot lock", lockPath);
+  if (!locked || answers(*address)) {
     return std::unexpected("another broker serves " + path);
   }
 

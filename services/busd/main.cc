@@ -57,6 +57,10 @@ int main() {
   constexpr int ownBlockBytes = 128 << 10;
   mallopt(M_MMAP_THRESHOLD, ownBlockBytes);
   const UniqueFd stop = takeStopSignals();
+  if (!stop) {
+    logSystemError("signalfd");
+    return 1;
+  }
   const busd::Limits limits = limitsFor(raiseDescriptorLimit());
   const auto listener = busd::Listener::open(tn::busSocketPath);
   if (!listener) {
@@ -65,7 +69,7 @@ int main() {
     return 1;
   }
   busd::Broker broker(limits, geteuid());
-  if (!stop || !broker.listen(listener->fd())) {
+  if (!broker.listen(listener->fd())) {
     logSystemError("cannot start");
     return 1;
   }

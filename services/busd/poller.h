@@ -3,6 +3,7 @@
 #include <span>
 #include <sys/epoll.h>
 
+#include "platform/log.h"
 #include "platform/unique_fd.h"
 
 namespace busd {
@@ -12,7 +13,9 @@ namespace busd {
 // broker.
 class Poller {
  public:
-  Poller() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {}
+  Poller() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
+    if (!epoll_) logSystemError("epoll_create1");
+  }
 
   // `tag` comes back in epoll_event::data.ptr. False: errno says why.
   [[nodiscard]] bool addConnection(int fd, void* tag) const {
@@ -24,8 +27,8 @@ class Poller {
   }
   // Announced as long as it is readable.
   [[nodiscard]] bool addLevel(int fd, void* tag) const { return control(EPOLL_CTL_ADD, fd, EPOLLIN, tag); }
-  void pauseLevel(int fd, void* tag, bool paused) const {
-    (void)control(EPOLL_CTL_MOD, fd, paused ? 0U : static_cast<unsigned>(EPOLLIN), tag);
+  [[nodiscard]] bool pauseLevel(int fd, void* tag, bool paused) const {
+    return control(EPOLL_CTL_MOD, fd, paused ? 0U : static_cast<unsigned>(EPOLLIN), tag);
   }
 
   // Waits at the most `timeoutMs` (-1: for ever); the events lie in `space`.
