@@ -48,6 +48,7 @@ std::uint8_t* message::makeRoom(std::uint32_t header, std::size_t payloadBytes) 
   const std::size_t oldBytes = old ? old->bytes.size() : 0;
   const std::size_t newBytes = headerBytes + payloadBytes;
   if (flattened().size() - oldBytes + newBytes > maxFlattenedBytes) return nullptr;
+  keyBits_ |= bitOf(header & (typeMask | idMask));
   if (bytes_.empty()) {
     bytes_.reserve(usualBytes);
     bytes_.assign(std::begin(magic), std::end(magic));
@@ -269,22 +270,25 @@ message message::fromValid(std::span<const std::uint8_t> bytes) {
   if (bytes.size() == magicBytes) return result;
   result.bytes_.assign(bytes.begin(), bytes.end());
   std::copy(std::begin(magic), std::end(magic), result.bytes_.begin());
-  if (result.mayRepeatKeys()) result.dropRepeatedKeys();
+  if (result.noteKeys()) result.dropRepeatedKeys();
   return result;
 }
 
-bool message::mayRepeatKeys() const {
+bool message::noteKeys() {
   std::array<std::uint32_t, 32> seen;
   std::size_t count = 0;
   bool may = false;
   forEach([&](const Field& field) {
+    const std::uint32_t key = keyOf(field);
     const auto end = seen.begin() + static_cast<std::ptrdiff_t>(count);
+    const bool fresh = (keyBits_ & bitOf(key)) == 0;
+    keyBits_ |= bitOf(key);
     // A message with more keys than this is left to the sorting of dropRepeatedKeys.
-    if (may || count == seen.size() || std::find(seen.begin(), end, keyOf(field)) != end) {
+    if (may || count == seen.size() || (!fresh && std::find(seen.begin(), end, key) != end)) {
       may = true;
       return;
     }
-    seen[count++] = keyOf(field);
+    seen[count++] = key;
   });
   return may;
 }

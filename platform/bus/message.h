@@ -125,7 +125,7 @@ class message {
   void forEach(Visitor&& visit) const;
 
   // Same fields, same order, same bytes.
-  friend bool operator==(const message&, const message&) = default;
+  friend bool operator==(const message& a, const message& b) { return a.bytes_ == b.bytes_; }
 
  private:
   static constexpr std::size_t magicBytes = 2;
@@ -139,7 +139,12 @@ class message {
   [[nodiscard]] static bool validElement(std::span<const std::uint8_t> bytes, unsigned nesting);
   [[nodiscard]] static Field fieldAt(std::span<const std::uint8_t> rest);
   [[nodiscard]] std::optional<Field> find(std::uint32_t key) const;
-  [[nodiscard]] bool mayRepeatKeys() const;
+  // Notes the keys of fields that were taken as they are. True: some may be there twice.
+  [[nodiscard]] bool noteKeys();
+  // The bit that stands for a key in `keyBits_`.
+  [[nodiscard]] static constexpr std::uint64_t bitOf(std::uint32_t key) {
+    return std::uint64_t{1} << (key * 0x9E3779B1U >> 26U);
+  }
   void dropRepeatedKeys();
   // Makes the field of `header` with room for that many bytes of payload and returns where the payload goes; null when
   // the message would become too large.
@@ -150,6 +155,9 @@ class message {
 
   // The flattened form, or nothing at all for the message without fields.
   std::vector<std::uint8_t> bytes_;
+  // The bits of all keys that there are, and maybe of some that there were: most questions for a field are for one that
+  // is not there, and each insertion is one, so they are answered without walking over the fields.
+  std::uint64_t keyBits_ = 0;
 };
 
 template <typename Visitor>

@@ -155,6 +155,7 @@ bool message::validElement(Bytes bytes, unsigned nesting) {
 }
 
 std::optional<message::Field> message::find(std::uint32_t key) const {
+  if ((keyBits_ & bitOf(key)) == 0) return std::nullopt;
   for (std::size_t at = magicBytes; at < bytes_.size();) {
     const Field field = fieldAt(Bytes(bytes_).subspan(at));
     if ((static_cast<std::uint32_t>(field.type) | field.id) == key) return field;

@@ -290,4 +290,27 @@ TEST(Message, ShowsItsFieldsInOrder) {
   message().forEach([](const message::Field&) { ADD_FAILURE(); });
 }
 
+// More keys than can be told apart at a glance: some are taken for others until the fields are looked at.
+TEST(Message, ManyKeysAreToldApart) {
+  message msg;
+  for (std::uint32_t id = 0; id < 500; id += 2)
+    ASSERT_TRUE(msg.insert(tn::u32_id(id), id + 1000));
+  message read;
+  ASSERT_TRUE(read.unflatten(msg.flattened()));
+  for (const message& each : {msg, read}) {
+    for (std::uint32_t id = 0; id < 500; ++id) {
+      EXPECT_EQ(each.get(tn::u32_id(id)), id % 2 == 0 ? std::optional(id + 1000) : std::nullopt);
+      EXPECT_FALSE(each.has(tn::bool_id(id)));
+    }
+  }
+  for (std::uint32_t id = 0; id < 500; id += 4)
+    EXPECT_TRUE(read.remove(tn::u32_id(id)));
+  for (std::uint32_t id = 0; id < 500; id += 2)
+    EXPECT_EQ(read.has(tn::u32_id(id)), id % 4 != 0);
+  EXPECT_FALSE(read == msg);
+  for (std::uint32_t id = 0; id < 500; id += 4)
+    EXPECT_TRUE(msg.remove(tn::u32_id(id)));
+  EXPECT_TRUE(read == msg);
+}
+
 }  // namespace
