@@ -43,9 +43,10 @@ class Target : public UploadTarget {
     outcome_.content += bytes;
     return outcome_.content.size() <= room;
   }
-  void close() override {
+  bool close() override {
     require(outcome_.opened && !outcome_.closed);
     outcome_.closed = true;
+    return true;
   }
 
  private:

@@ -53,7 +53,7 @@ struct FormUpload {
     const Upload::Result result = upload.take(piece);
     // A body that ends before its file does is no upload. Nobody hears of it when the connection has ended with it.
     if (last && upload.phase() != Upload::Phase::ended) {
-      file.close();
+      (void)file.close();
       response.sendError(400, {});
     }
     respond(result, response);
@@ -88,7 +88,7 @@ void FormUpload::respond(Upload::Result result, Response& response) const {
 }
 
 void finishPut(OutputFile& file, Response& response) {
-  file.close();
+  if (!file.close()) return refuseUnwritten(response);
   response.headers.addHeader("Content-Type", "text/plain", false);
   response.send("stored");
 }

@@ -12,10 +12,12 @@ namespace {
 // The group that is told when a session ends.
 constexpr std::uint32_t endOfSessionGroup = 0xff0001;
 
+constexpr std::uint32_t firstId = 1;
+
 }  // namespace
 
 JsProxyServlet::JsProxyServlet() : Servlet("GET, HEAD, POST") {
-  armTimer();
+  armTimer(expireEveryMs, firstId);
   tn::getLooper()->addHandler(busHandlerId, *this);
 }
 
@@ -53,17 +55,23 @@ void JsProxyServlet::destroySession(JsSession& session) {
   sessions_.erase(id);
 }
 
-void JsProxyServlet::armTimer() {
-  timer_ = tn::getRunner()->addTimer(expireEveryMs, [this] { expireSessions(); });
+void JsProxyServlet::armTimer(std::uint32_t ms, std::uint32_t from) {
+  timer_ = tn::getRunner()->addTimer(ms, [this, from] { expireSessions(from); });
 }
 
-void JsProxyServlet::expireSessions() {
+// In the order of their numbers, from one number on.
+void JsProxyServlet::expireSessions(std::uint32_t from) {
   const std::uint32_t now = secondsNow();
-  for (auto next = sessions_.begin(); next != sessions_.end();) {
+  auto next = sessions_.lower_bound(from);
+  for (std::size_t left = sessionsPerTurn; left > 0 && next != sessions_.end(); --left) {
     JsSession& session = (next++)->second;
     if (session.waiters.empty() && session.lastActivity + idleSeconds <= now) destroySession(session);
   }
-  armTimer();
+  if (next == sessions_.end()) {
+    armTimer(expireEveryMs, firstId);
+  } else {
+    armTimer(0, next->first);
+  }
 }
 
 void JsProxyServlet::handle(tn::message& msg) {

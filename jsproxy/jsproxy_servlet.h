@@ -40,6 +40,8 @@ class JsProxyServlet : public Servlet, public tn::Handler {
   static constexpr std::uint32_t expireEveryMs = 3000;
   static constexpr std::uint32_t idleSeconds = 60;
   static constexpr std::uint32_t replyTimeoutMs = 6000;
+  // Sessions that the timer looks at in one turn of the loop; with more it goes on in the next.
+  static constexpr std::size_t sessionsPerTurn = 512;
 
   // Registers itself with the process's looper, which must be there and outlive it, and arms the session timer.
   JsProxyServlet();
@@ -66,8 +68,8 @@ class JsProxyServlet : public Servlet, public tn::Handler {
   // jsproxy_servlet.cc: the table
   JsSession& createSession(const IPAddr6& client, const SessionKeys& keys);
   void destroySession(JsSession& session);
-  void expireSessions();
-  void armTimer();
+  void expireSessions(std::uint32_t from);
+  void armTimer(std::uint32_t ms, std::uint32_t from);
 
   // jsproxy_request.cc: from a request to a message
   void acceptMessage(Request& request, Response& response);

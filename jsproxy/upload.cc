@@ -106,8 +106,7 @@ Upload::Result Upload::takeData(std::string_view piece) {
   }
   if (beforeIsData && !writeAhead(before, piece.substr(0, at - matched_))) return Result::failed;
   if (matched_ < delimiter_.size()) return Result::more;
-  target_.close();
-  return Result::complete;
+  return target_.close() ? Result::complete : Result::failed;
 }
 
 bool Upload::writeAhead(std::string_view before, std::string_view data) {

@@ -21,8 +21,8 @@ class UploadTarget {
   [[nodiscard]] virtual bool open(std::string_view name) = 0;
   // The next bytes of the file. False: they could not be written.
   [[nodiscard]] virtual bool write(std::string_view bytes) = 0;
-  // The file is complete.
-  virtual void close() = 0;
+  // The file is complete. False: not all of it could be written.
+  [[nodiscard]] virtual bool close() = 0;
 };
 
 // Takes the body of a form upload (RFC 7578) apart: the first part is the file, and what follows it does not matter. It

@@ -27,21 +27,42 @@ std::string userFile(std::string_view mappedName) {
 bool OutputFile::open(const std::string& path) {
   fd_.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, fileMode));
   struct stat status {};
-  if (fd_ && fstat(fd_.get(), &status) == 0 && S_ISREG(status.st_mode)) return true;
-  fd_.reset();
-  return false;
+  if (!fd_ || fstat(fd_.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    fd_.reset();
+    return false;
+  }
+  gathered_.reserve(gatheredBytes);
+  return true;
 }
 
-bool OutputFile::write(std::string_view bytes) const {
+bool OutputFile::write(std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t count = ::write(fd_.get(), bytes.data(), bytes.size());
+    const std::string_view piece = bytes.substr(0, gatheredBytes - gathered_.size());
+    gathered_ += piece;
+    bytes.remove_prefix(piece.size());
+    if (gathered_.size() == gatheredBytes && !flush()) return false;
+  }
+  return true;
+}
+
+bool OutputFile::close() {
+  const bool written = flush();
+  fd_.reset();
+  return written;
+}
+
+bool OutputFile::flush() {
+  std::string_view left = gathered_;
+  while (!left.empty()) {
+    const ssize_t count = ::write(fd_.get(), left.data(), left.size());
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) {
       logSystemError("write");
       return false;
     }
-    bytes.remove_prefix(static_cast<std::size_t>(count));
+    left.remove_prefix(static_cast<std::size_t>(count));
   }
+  gathered_.clear();
   return true;
 }
 

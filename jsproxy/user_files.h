@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -26,17 +27,23 @@ inline constexpr std::uint32_t sensitive = 0x4000;
 // Where a name lies in the file system; empty when the store does not take it.
 [[nodiscard]] std::string userFile(std::string_view mappedName);
 
-// A file that a browser writes.
+// A file that a browser writes. Its bytes are gathered before they go to the system, which writes many at once much
+// faster; what is gathered when this object ends without `close` is lost.
 class OutputFile {
  public:
+  static constexpr std::size_t gatheredBytes = 65536;
+
   // Opens, or makes, a regular file, emptied. False: it cannot be; errno says why. Never waits, whatever lies there.
   [[nodiscard]] bool open(const std::string& path);
-  // False: not all of it could be written; told as "write".
-  [[nodiscard]] bool write(std::string_view bytes) const;
-  void close() { fd_.reset(); }
+  // Both are false when not all could be written: told as "write", with errno.
+  [[nodiscard]] bool write(std::string_view bytes);
+  [[nodiscard]] bool close();
 
  private:
+  [[nodiscard]] bool flush();
+
   UniqueFd fd_;
+  std::string gathered_;
 };
 
 // The file of a form upload.
@@ -48,7 +55,7 @@ class UploadedFile : public UploadTarget {
   void onHeaders(const Headers& headers) override;
   bool open(std::string_view name) override;
   bool write(std::string_view bytes) override;
-  void close() override { file_.close(); }
+  bool close() override { return file_.close(); }
 
  private:
   const std::uint32_t policies_;

@@ -63,6 +63,28 @@ TEST_F(SessionTableTest, SessionsEndInTheOrderOfTheirNumbers) {
     EXPECT_EQ(bus.sent[i].content.get(tn::field::sender), (std::vector<std::uint32_t>{100, i + 1}));
 }
 
+// The loop has turns for others in between.
+TEST_F(SessionTableTest, ManySessionsEndInSeveralTurns) {
+  constexpr std::size_t perTurn = JsProxyServlet::sessionsPerTurn;
+  const std::string hello = bytesToText(asBytes(Browser().hello()));
+  for (std::size_t i = 0; i < 2 * perTurn + 10; ++i)
+    post(hello);
+  clockSeconds += 60;
+  auto& timers = loop.runner.timers();
+  timers.setNow(timers.now() + std::chrono::milliseconds(3000));
+  for (const std::size_t left : {perTurn + 10, std::size_t{10}, std::size_t{0}}) {
+    timers.runExpired(timers.now());
+    EXPECT_EQ(servlet->sessionCount(), left);
+  }
+  // The next look is a whole interval later.
+  meet();
+  clockSeconds += 60;
+  loop.advance(2999);
+  EXPECT_EQ(servlet->sessionCount(), 1U);
+  loop.advance(1);
+  EXPECT_EQ(servlet->sessionCount(), 0U);
+}
+
 TEST_F(SessionTableTest, APollKeepsASessionAlive) {
   Browser browser = logIn();
   CallPtr call = send(browser, "{}");

@@ -25,13 +25,17 @@ class Target : public UploadTarget {
     content += bytes;
     return true;
   }
-  void close() override { ++closed; }
+  bool close() override {
+    ++closed;
+    return !losesEnd;
+  }
 
   std::vector<std::string> names;
   std::string headers;
   std::string content;
   int closed = 0;
   bool refuses = false;
+  bool losesEnd = false;
   std::size_t room = 1U << 30;
 };
 
@@ -242,6 +246,14 @@ TEST_F(UploadTest, ATargetThatIsFull) {
   EXPECT_EQ(target->closed, 0);
   room = 0;
   EXPECT_EQ(take(head + "\r\nx", 1), Result::failed);
+}
+
+TEST_F(UploadTest, ATargetThatCannotEnd) {
+  Target lossy;
+  lossy.losesEnd = true;
+  Upload upload("b", lossy);
+  EXPECT_EQ(upload.take(head + "abc\r\n--b"), Result::failed);
+  EXPECT_EQ(upload.phase(), Phase::ended);
 }
 
 }  // namespace
