@@ -2,7 +2,7 @@
 
 #include "platform/bus/message.h"
 
-// Fields of the status; docs/services.md.
+// Fields of the status and of files; docs/services.md.
 namespace sysd::field {
 
 // Why an object could not be read: then its only field.
@@ -86,5 +86,27 @@ namespace subscription {
 inline constexpr tn::u32_array_id objects{1};
 inline constexpr tn::u32_id interval{2};
 }  // namespace subscription
+
+// What is asked of a directory, and what its listing tells beside the entries.
+namespace listing {
+inline constexpr tn::string_id after{2};
+inline constexpr tn::u32_id entries{3};  // wanted
+inline constexpr tn::u32_id shown{3};    // told
+inline constexpr tn::u32_id unnamed{4};
+}  // namespace listing
+
+namespace entry {
+inline constexpr tn::string_id name{1};
+inline constexpr tn::u32_id kind{2};
+inline constexpr tn::u64_id size{3};
+inline constexpr tn::u64_id changed{4};
+inline constexpr tn::bool_id sensitive{5};
+}  // namespace entry
+
+// What a command is about.
+namespace file {
+inline constexpr tn::string_id name{1};
+inline constexpr tn::string_id newName{2};
+}  // namespace file
 
 }  // namespace sysd::field

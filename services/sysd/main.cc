@@ -1,10 +1,12 @@
 #include <csignal>
 
 #include "platform/bus/looper.h"
+#include "services/sysd/file_store.h"
+#include "services/sysd/files_handler.h"
 #include "services/sysd/kernel_source.h"
 #include "services/sysd/status_handler.h"
 
-// The status service: tells how the machine is.
+// The status service: tells how the machine is, and lists the files of the user store.
 int main() {
   signal(SIGPIPE, SIG_IGN);  // a log whose reader is gone must not end the service
   tn::Looper::Tuning tuning{};
@@ -13,6 +15,9 @@ int main() {
   sysd::KernelSource source;
   sysd::StatusHandler status(source, looper.runner().timers());
   looper.addHandler(sysd::handlerId, status);
+  const sysd::FileStore store({"/rw/disk", "/flash", "/rw/pckg/flash"});
+  sysd::FilesHandler files(store, looper.runner().timers());
+  looper.addHandler(sysd::FilesHandler::id, files);
   looper.joinGroup(sysd::sessionGroup);
   looper.run();
   return 0;

@@ -9,6 +9,7 @@
 #include "platform/bus/looper.h"
 #include "platform/log.h"
 #include "platform/policies.h"
+#include "services/sysd/errors.h"
 #include "services/sysd/fields.h"
 
 namespace sysd {

@@ -11,17 +11,12 @@
 
 namespace sysd {
 
-// Commands and errors of this service, beside those of every handler; docs/services.md.
+// Commands of the status, beside those of every handler; docs/services.md.
 namespace command {
 inline constexpr std::uint32_t subscribe = 0x20011;
 inline constexpr std::uint32_t unsubscribe = 0x20012;
 inline constexpr std::uint32_t push = 0x20013;
 }  // namespace command
-
-namespace error {
-inline constexpr std::uint32_t badRequest = 0xfe0010;
-inline constexpr std::uint32_t tooMuch = 0xfe0012;
-}  // namespace error
 
 inline constexpr std::uint32_t busId = 24;
 inline constexpr std::uint32_t handlerId = 1;
