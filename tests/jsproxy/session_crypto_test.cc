@@ -121,6 +121,31 @@ TEST(KeyExchange, TheAnswerIsText) {
   EXPECT_EQ(text.find('\0'), std::string::npos);
 }
 
+// The example of docs/tunnel.md.
+TEST(SessionKeys, TheDocumentedExample) {
+  const auto browser = filled<Scalar>("602122232425262728292a2b2c2d2e2f303132333435363738393a3b3c3d3e38");
+  const auto server = filled<Scalar>("606162636465666768696a6b6c6d6e6f707172737475767778797a7b7c7d7e78");
+  PublicValue nine{};
+  nine.back() = 9;
+  const PublicValue ofBrowser = exchangeKeys(browser, nine).publicValue;
+  EXPECT_EQ(hexOf(ofBrowser), "5c6e7972339c07f321a750e48ca7b8375ca292e582aed4f7ecb3378e0cbf64bf");
+  const KeyExchange exchange = exchangeKeys(server, ofBrowser);
+  EXPECT_EQ(hexOf(exchange.publicValue), "189e2efbe8bc077f575241416030d4dbac45073058cead373be373b14edeb9a3");
+  EXPECT_EQ(hexOf(exchange.master.bytes()), "4b4f74c1efe8b33a053a0a133b2caa013546f8d8243309cfe767ce09033337a8");
+  const SessionKeys keys = deriveSessionKeys(exchange.master);
+  EXPECT_EQ(hexOf(keys.receive.bytes()), "23a46ba88821af34862ad378f946f766");
+  EXPECT_EQ(hexOf(keys.send.bytes()), "4c56db8c46992f730c530cfa8b57367f");
+  JsSession session(5, IPAddr6(), keys, 0);
+  const auto frame = fromHex("0000000500000001c4927ebc3f3f3c9bd77c01341fce1d733fcebd93345ec35c97972cb225dfff67");
+  std::string payload;
+  EXPECT_TRUE(decryptFrame(session, frame, payload));
+  EXPECT_EQ(payload, "{s1:'admin',s3:'secret'}");
+  EXPECT_EQ(session.receiving.base(), 33U);
+  std::string answer;
+  EXPECT_TRUE(textToBytes(putEncrypted(session, tn::message(), Form::json), answer));
+  EXPECT_EQ(hexOf(asBytes(answer)), "00000005000000018d2914a14dcb04a6ffe7");
+}
+
 // ---- Frames
 
 class FrameTest : public testing::Test {
