@@ -6,11 +6,12 @@
 
 #include "platform/bus/looper.h"
 #include "platform/log.h"
+#include "platform/policies.h"
 #include "platform/web/ascii.h"
 #include "platform/web/ip_addr6.h"
+#include "services/hotspotd/error_codes.h"
 #include "services/hotspotd/form.h"
 #include "services/hotspotd/pages.h"
-#include "services/hotspotd/rights.h"
 
 namespace hotspot {
 namespace {
@@ -79,7 +80,8 @@ void logVisitor(const Visitor& visitor, std::string_view what) {
 }  // namespace
 
 tn::message Portal::cmdGet(tn::message& msg) {
-  if (!permits(msg, tn::policies::changeSettings)) return tn::errorMsg(tn::error::notAllowed, "not allowed");
+  if (!tn::policies::holds(msg, tn::policies::changeSettings))
+    return tn::errorMsg(tn::error::notAllowed, "not allowed");
   tn::message answer;
   writeSettings(keeper_.state().settings, answer);
   answer.insert(loggedInField, static_cast<std::uint32_t>(visitors_.loggedIn(clock_.now())));
@@ -87,7 +89,8 @@ tn::message Portal::cmdGet(tn::message& msg) {
 }
 
 tn::message Portal::cmdSet(tn::message& msg) {
-  if (!permits(msg, tn::policies::changeSettings)) return tn::errorMsg(tn::error::notAllowed, "not allowed");
+  if (!tn::policies::holds(msg, tn::policies::changeSettings))
+    return tn::errorMsg(tn::error::notAllowed, "not allowed");
   State next = keeper_.state();
   if (const Problem problem = applySettings(next.settings, msg)) return tn::errorMsg(error::badRequest, *problem);
   if (const Problem problem = keeper_.change(std::move(next))) return tn::errorMsg(error::notStored, *problem);
@@ -97,7 +100,7 @@ tn::message Portal::cmdSet(tn::message& msg) {
 // Requests come from the server itself. One that a browser sends through the tunnel could say anything of its address.
 tn::message Portal::cmdUnknown(tn::message& msg, std::uint32_t command) {
   if (command != forwardedRequest) return Handler::cmdUnknown(msg, command);
-  if (!isOfSystem(msg)) return tn::errorMsg(tn::error::notAllowed, "not allowed");
+  if (!tn::policies::isOfSystem(msg)) return tn::errorMsg(tn::error::notAllowed, "not allowed");
   return answerOf(answer(readForwarded(msg)));
 }
 

@@ -8,8 +8,9 @@
 
 #include "platform/bus/looper.h"
 #include "platform/log.h"
+#include "platform/policies.h"
 #include "services/common/return_address.h"
-#include "services/hotspotd/rights.h"
+#include "services/hotspotd/error_codes.h"
 
 namespace hotspot {
 namespace {
@@ -64,7 +65,7 @@ void Servers::handleCmd(tn::message& msg) {
 }
 
 tn::message Servers::cmdGetAll(tn::message& msg) {
-  if (!permits(msg, tn::policies::read)) return tn::errorMsg(tn::error::notAllowed, "not allowed");
+  if (!tn::policies::holds(msg, tn::policies::read)) return tn::errorMsg(tn::error::notAllowed, "not allowed");
   std::vector<tn::message> records = keeper_.state().servers;
   for (tn::message& record : records) {
     const auto found = conditions_.find(nameOf(record));
@@ -78,7 +79,8 @@ tn::message Servers::cmdGetAll(tn::message& msg) {
 }
 
 void Servers::change(tn::message& msg) {
-  if (!permits(msg, tn::policies::changeSettings)) return replyError(msg, tn::error::notAllowed, "not allowed");
+  if (!tn::policies::holds(msg, tn::policies::changeSettings))
+    return replyError(msg, tn::error::notAllowed, "not allowed");
   if (changes_ == maxChanges) return replyError(msg, error::badRequest, "too many changes at once");
   const std::uint32_t code = msg.get(tn::field::command).value_or(0);
   const auto refusal = code == tn::command::removeObj ? remove(msg) : keep(msg, code == tn::command::addObj);
