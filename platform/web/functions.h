@@ -23,7 +23,8 @@ bool parseNumber(std::string_view text, unsigned* value);
 void appendHttpDate(std::string& out, std::int64_t seconds);
 
 // Where a name of the user's store lies in the file system: under "/rw/disk", or under "/flash" for names that begin
-// with "/flash/". One "/" at the front of a name means nothing. The file need not exist.
+// with "/flash/". One "/" at the front of a name means nothing. The file need not exist. Links within the store are
+// followed: what is returned is the path of what the name stands for, which is what isSensitiveFile has to be asked of.
 //
 // Nothing for a name with an empty, "." or ".." piece, a NUL or a control character, or one of whose existing pieces,
 // the last included, is a symbolic link that leads out of the store or to nothing.

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <sys/stat.h>
+#include <utility>
 
 #include "platform/web/ascii.h"
 #include "platform/web/functions.h"
@@ -46,15 +47,17 @@ bool isPlainName(std::string_view text) {
   return true;
 }
 
-// Whether what a link ends at lies within the root.
-bool leadsInto(const std::string& link, const std::string& root) {
+// The path of what a link ends at, so that what a name stands for is judged and not the link's own name. Nothing: that
+// does not lie within the root, or is not there.
+std::optional<std::string> endOf(const std::string& link, const std::string& root) {
   char end[PATH_MAX];
   char top[PATH_MAX];
-  if (::realpath(link.c_str(), end) == nullptr || ::realpath(root.c_str(), top) == nullptr) return false;
+  if (::realpath(link.c_str(), end) == nullptr || ::realpath(root.c_str(), top) == nullptr) return std::nullopt;
   std::string_view inner = end;
-  if (!inner.starts_with(top)) return false;
+  if (!inner.starts_with(top)) return std::nullopt;
   inner.remove_prefix(std::string_view(top).size());
-  return inner.empty() || inner.front() == '/';
+  if (!inner.empty() && inner.front() != '/') return std::nullopt;
+  return std::string(root).append(inner);
 }
 
 }  // namespace
@@ -72,7 +75,10 @@ std::optional<std::string> UserStore::lookup(std::string_view name) const {
       if (!rest.empty()) path.append("/").append(rest);
       return path;
     }
-    if (S_ISLNK(status.st_mode) && !leadsInto(path, place.root)) return std::nullopt;
+    if (!S_ISLNK(status.st_mode)) continue;
+    auto end = endOf(path, place.root);
+    if (!end) return std::nullopt;
+    path = std::move(*end);
   }
   return path;
 }

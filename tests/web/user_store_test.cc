@@ -94,10 +94,21 @@ TEST_F(Store, LinksThatStayInside) {
   link(top_ + "/disk/folder", "absolute");
   link("../disk/file", "round");
   link(".", "self");
-  EXPECT_EQ(found("relative/inner"), "/disk/relative/inner");
-  EXPECT_EQ(found("absolute/inner/new"), "/disk/absolute/inner/new");
-  EXPECT_EQ(found("round"), "/disk/round");
-  EXPECT_EQ(found("self/self/file"), "/disk/self/self/file");
+  EXPECT_EQ(found("relative/inner"), "/disk/folder/inner");
+  EXPECT_EQ(found("absolute/inner/new"), "/disk/folder/inner/new");
+  EXPECT_EQ(found("round"), "/disk/file");
+  EXPECT_EQ(found("self/self/file"), "/disk/file");
+}
+
+// So a name without a suffix does not hide what is sensitive.
+TEST_F(Store, AnOddNameForASensitiveFileIsSeenThrough) {
+  fs::create_directory(top_ + "/disk/private");
+  std::ofstream(top_ + "/disk/private/list");
+  std::ofstream(top_ + "/disk/host.key");
+  link("host.key", "harmless");
+  link("private", "open");
+  EXPECT_TRUE(isSensitiveFile(store_.lookup("harmless").value_or("")));
+  EXPECT_TRUE(isSensitiveFile(store_.lookup("open/list").value_or("")));
 }
 
 TEST_F(Store, LinksThatLeadOut) {
@@ -133,7 +144,7 @@ TEST_F(Store, RootMayItselfBeReachedByALink) {
   const UserStore mounted{top_ + "/mount", top_ + "/flash"};
   link("folder", "inside");
   link("../outside", "outside");
-  EXPECT_EQ(mounted.lookup("inside/a"), top_ + "/mount/inside/a");
+  EXPECT_EQ(mounted.lookup("inside/a"), top_ + "/mount/folder/a");
   EXPECT_FALSE(mounted.lookup("outside/secret").has_value());
 }
 
