@@ -7,7 +7,7 @@
  * | `gone`        | the server does not know the session any more               | nothing: the session is renewed        |
  * | `ended`       | the session was ended, by this side or at its demand        | log in again                           |
  * | `unreachable` | no answer: no network, no server, or no tunnel at this URL  | nothing: the session tries again       |
- * | `timeout`     | no answer in the time given                                 | ask again, if that does no harm        |
+ * | `timeout`     | no answer in time; whether it was done is not known         | ask again, if that does no harm        |
  * | `service`     | the service answered with an error; `code` says which       | as the service's documentation says    |
  * | `malformed`   | what came cannot be understood                              | report it                              |
  * | `invalid`     | the message cannot be sent: a value does not fit its field  | correct it                             |

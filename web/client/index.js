@@ -4,7 +4,7 @@
  */
 export { Session, permissions } from './session.js';
 export { Subscription } from './subscription.js';
-export { Tunnel, TooLong } from './tunnel.js';
+export { Overtaken, TooLong, Tunnel } from './tunnel.js';
 export { Failure, errorCodes } from './failure.js';
 export { InvalidMessage, MalformedMessage } from './fields.js';
 export { flatten, unflatten } from './binary_form.js';

@@ -5,7 +5,7 @@ import { Failure } from './failure.js';
 import { utf8 } from './fields.js';
 import { fetchFile, sendFile } from './files.js';
 import { Subscription } from './subscription.js';
-import { TooLong, Tunnel } from './tunnel.js';
+import { Overtaken, TooLong, Tunnel } from './tunnel.js';
 
 /** @typedef {import('./fields.js').Message} Message */
 /** @typedef {import('./tunnel.js').Form} Form */
@@ -310,15 +310,15 @@ export class Session {
     }
   }
 
-  // A frame that was overtaken by too many others is not looked at, and may be sent again. Whether it was that, or the session
-  // is gone, tells a question to the server.
+  // What the server says of a frame that it did not take leaves open whether the session is well, so it is asked.
   async #exchange(tunnel, message, options) {
     try {
       return await tunnel.exchange(message, options);
     } catch (error) {
       if (!(error instanceof Failure) || error.kind !== 'gone') throw error;
       await tunnel.exchange(ping, { timeout: pingPatience });
-      return tunnel.exchange(message, options);
+      if (error instanceof Overtaken) return tunnel.exchange(message, options);
+      throw new Failure('timeout', 'the connection broke before the answer came');
     }
   }
 
@@ -353,7 +353,7 @@ export class Session {
         this.#dispatch(await this.#exchange(tunnel, {}, options));
       } catch (error) {
         if (polling.signal.aborted) return;
-        if (!this.#isTooLong(error)) {
+        if (!this.#pollsOn(error)) {
           this.#noticed(tunnel, error);
           return;
         }
@@ -362,10 +362,12 @@ export class Session {
     }
   }
 
-  // A push that was too long for the binary form is lost: the next ones come in the other, and all is asked for again.
-  #isTooLong(error) {
-    if (!(error instanceof TooLong)) return false;
-    this.#pollForm = 'json';
+  // With these a push is lost and the session is well: all is asked for again. What is too long for the binary form comes in
+  // the other from now on.
+  #pollsOn(error) {
+    const isTooLong = error instanceof TooLong;
+    if (!isTooLong && error.kind !== 'timeout') return false;
+    if (isTooLong) this.#pollForm = 'json';
     for (const subscription of this.#subscriptions.values()) subscription.activate();
     return true;
   }

@@ -53,12 +53,7 @@ export class Tunnel {
   static async open(url, { timeout = 10000, signal } = {}) {
     const scalar = randomScalar();
     const body = join(new Uint8Array(8), multiply(scalar));
-    const ask = () => post(url, { form: 'binary', body, timeout, signal }, (response) => response.text());
-    // A connection that was kept may have been closed by the server just now, which not every client sees in time.
-    const text = await ask().catch((failure) => {
-      if (failure.kind !== 'unreachable' || failure.code || signal?.aborted) throw failure;
-      return ask();
-    });
+    const text = await postTwice(url, { form: 'binary', body, timeout, signal }, (response) => response.text());
     const answer = textToBytes(text);
     if (!answer || answer.length !== 40) throw new Failure('malformed', 'the answer to the key exchange is none');
     const secret = multiply(scalar, answer.subarray(8));
@@ -99,8 +94,8 @@ export class Tunnel {
    * @param {Message} message
    * @param {ExchangeOptions} [options]
    * @returns {Promise<Message>}
-   * @throws {Failure} of any kind but service: an error of a service is an answer here. `gone` also says that the frame came
-   *     too late and was not looked at, while the session is well.
+   * @throws {Failure} of any kind but service: an error of a service is an answer here. `gone` is what the server says of every
+   *     frame that it does not take, also of one that it had before, or (an Overtaken) that came too late; the session may be well.
    */
   async exchange(message, options = {}) {
     const form = options.form ?? 'binary';
@@ -132,10 +127,14 @@ export class Tunnel {
   }
 
   async #send(payload, { form, timeout = 10000, signal, keepalive }) {
+    const from = this.#writer.position;
     // A poll does not count, being there all the time; it can be sent again without harm.
-    const arrived = timeout > 0 ? this.#depart(this.#writer.position) : () => {};
+    const arrived = timeout > 0 ? this.#depart(from) : () => {};
+    const frame = this.#seal(payload);
     try {
-      return await this.#sendFrame(this.#seal(payload), { form, timeout, signal, keepalive });
+      return await this.#sendFrame(frame, { form, timeout, signal, keepalive });
+    } catch (failure) {
+      throw failure.kind === 'gone' && this.#writer.position - from > reach ? new Overtaken() : failure;
     } finally {
       arrived();
     }
@@ -143,7 +142,8 @@ export class Tunnel {
 
   async #sendFrame(frame, { form, timeout, signal, keepalive }) {
     const body = form === 'json' ? bytesToText(frame) : frame;
-    const bytes = await post(this.#url, { form, body, timeout, signal, keepalive }, async (response) =>
+    // The server takes each frame once, so the same one can be posted again without anything being done twice.
+    const bytes = await postTwice(this.#url, { form, body, timeout, signal, keepalive }, async (response) =>
       form === 'json' ? textToBytes(await response.text()) : new Uint8Array(await response.arrayBuffer()),
     );
     if (bytes?.length === 0) throw new TooLong();
@@ -160,6 +160,13 @@ export class Tunnel {
     const frame = this.#writer.seal(payload);
     if (!frame) throw new Failure('gone', 'the keystream of the session is used up');
     return frame;
+  }
+}
+
+/** A frame came so late that the server did not look at it: what was asked has not been done. */
+export class Overtaken extends Failure {
+  constructor() {
+    super('gone', 'the request was overtaken by too many others', 500);
   }
 }
 
@@ -185,6 +192,16 @@ function binaryPayload(message) {
   bytes[0] = bytes.length >>> 8;
   bytes[1] = bytes.length;
   return bytes;
+}
+
+// A connection that was kept may have been closed by the server just now, which not every client sees in time.
+async function postTwice(url, options, read) {
+  try {
+    return await post(url, options, read);
+  } catch (failure) {
+    if (failure.kind !== 'unreachable' || failure.code || options.signal?.aborted || options.keepalive) throw failure;
+    return post(url, options, read);
+  }
 }
 
 async function post(url, { form, body, timeout, signal, keepalive = false }, read) {
