@@ -23,11 +23,6 @@ Session::~Session() {
   finish();
 }
 
-bool Session::start() {
-  timer_.start(owner_.runner_.timers(), handshakeMs);
-  return owner_.runner_.addNonBlocking(socket_.get(), tn::readable, [this](int, unsigned events) { onSocket(events); });
-}
-
 void Session::onSocket(unsigned events) {
   if (stream_) stream_->refresh();
   switch (phase_) {

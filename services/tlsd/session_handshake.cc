@@ -31,6 +31,14 @@ bool leavesAlert(Failure kind) {
 
 }  // namespace
 
+bool Session::start() {
+  timer_.start(owner_.runner_.timers(), handshakeMs);
+  // What is sent is sent in whole flights, answers or blocks: nothing is gained by waiting for more.
+  const int on = 1;
+  setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return owner_.runner_.addNonBlocking(socket_.get(), tn::readable, [this](int, unsigned events) { onSocket(events); });
+}
+
 void Session::stepHandshake() {
   const int fd = socket_.get();
   switch (stream_->handshake()) {
@@ -69,10 +77,8 @@ void Session::giveSocketBack() {
 void Session::openPair() {
   Pair pair = makePair();
   if (!pair.ours) return failHandshake(Failure::system, "there is no descriptor left");
-  // What is sent is sent in whole answers or blocks: nothing is gained by waiting for more.
-  const int on = 1;
-  setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  // Nor by a long queue of what is not sent yet: a server that hears nothing for a while takes its peer for dead.
+  // Nothing is gained by a long queue of what is not sent yet: a server that hears nothing for a while takes its peer
+  // for dead.
   setsockopt(socket_.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsentBytes, sizeof unsentBytes);
   ++owner_.counters_.relayed;
   pair_ = std::move(pair.ours);

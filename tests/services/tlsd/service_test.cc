@@ -70,8 +70,6 @@ TEST_F(ServiceTest, GivesBackADescriptorOnceTheHandshakeIsDone) {
   ASSERT_EQ(hand(asServer(), std::move(ends.near)), nullptr);
   const Owned<SSL_CTX> context(SSL_CTX_new(TLS_client_method()));
   tests::Peer peer(*context, std::move(ends.far));
-  int on = 1;
-  ioctl(peer.fd(), FIONBIO, &on);
   for (int i = 0; i < 5 && loop_.bus.replyTo(number_) == nullptr; ++i) {
     peer.step();
     loop_.runner.ready(socket, tn::readable);
