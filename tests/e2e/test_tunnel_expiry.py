@@ -30,7 +30,7 @@ class Expiry(tunnelbox.TunnelTest):
         for gone in (idle, stranger):
             with self.assertRaises(tunnel.SessionLost):
                 gone.exchange({})
-        self.assertEqual(self.log_lines("no session "), [f"no session {gone.id:x}" for gone in (idle, stranger)])
+        self.expect_log([f"no session {gone.id:x}" for gone in (idle, stranger)], "no session ")
         # The one that polls is there, and so is the one that called.
         service.bus.send([www, 100, numbers["waiting"]], None, {("u", 1): 5})
         self.assertEqual(messages.read_json(waiting.open(tunnel.text_to_bytes(poll.read_response().body)))[("u", 1)], 5)

@@ -116,7 +116,7 @@ class Replies(tunnelbox.TunnelTest):
         self.assertEqual(calls[0]()[("S", 1)], texts)
         with self.assertRaisesRegex(tunnel.TunnelError, "too long for the binary form"):
             calls[1]()
-        self.assertEqual(len(self.log_lines("putEncrypted too long msg 12")), 1)
+        harness.wait_until(lambda: len(self.log_lines("putEncrypted too long msg 12")) == 1, "the message to be told")
         # The keystream did not move.
         again = self.call(binary)
         self.relays.reply(self.relays.next(3), {("u", 1): 3})

@@ -136,6 +136,11 @@ class BoxTest(harness.SystemTest):
         """The lines of www's log that begin with one of the texts."""
         return [line for line in self.system.lines("www") if line.startswith(texts)]
 
+    def expect_log(self, expected, *texts):
+        """Those lines have to be these; the log is written behind the answers."""
+        harness.wait_until(lambda: len(self.log_lines(*texts)) >= len(expected), "the log of the answers")
+        self.assertEqual(self.log_lines(*texts), expected)
+
 
 class TunnelTest(BoxTest):
     """A box whose server serves the tunnel, and has a login service."""

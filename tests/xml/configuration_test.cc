@@ -53,12 +53,20 @@ TEST(ShippedConfiguration, HasBothServersWithTheirServlets) {
   EXPECT_TRUE(collection.errors().empty());
   EXPECT_EQ(show(collection),
             "server http -\n"
+            "index / - - - -\n"
+            "index /index.html - - - -\n"
+            "varnox /varnox/list - - - -\n"
             "dir / /home/web no - -\n"
             "dir /assets /home/web/assets yes - -\n"
+            "jsproxy /jsproxy - - - -\n"
             "pubdir /pub /rw/pub - - -\n"
             "server https yes\n"
+            "index / - - - -\n"
+            "index /index.html - - - -\n"
+            "varnox /varnox/list - - - -\n"
             "dir / /home/web no - -\n"
             "dir /assets /home/web/assets yes - -\n"
+            "jsproxy /jsproxy - - - -\n"
             "pubdir /pub /rw/pub - - -\n");
 }
 
