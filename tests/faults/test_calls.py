@@ -26,7 +26,9 @@ EVERY_ERROR = os.environ.get("TARN_FAULTS") == "all"
 # What a program that has failed a call may take longer for. A client that gets no answer at all waits as long.
 IMPATIENCE = 0.3
 # Uses of one call within one piece of the course that fail; a call that is used more often is used for the same again.
-MOST_USES = 1000 if EVERY_ERROR else 6
+MOST_USES = 1000 if EVERY_ERROR else 4
+# The same at the start, where each failure needs a start of its own.
+MOST_USES_AT_START = 3 if EVERY_ERROR else 1
 # A failure that does not pass by itself.
 LASTING = 1000
 # Failures of a call that is expected to work: whatever they are, they are seen by whoever uses the program.
@@ -104,7 +106,7 @@ class Calls:
     def every_fault_at_the_start(self, name):
         """The program is started with each of its first calls failing, once or all the time."""
         ended = 0
-        for call, use, error, times in self.choices({call: min(n, 3) for call, n in self.faults.used().items()}):
+        for call, use, error, times in self.choices({call: min(n, MOST_USES_AT_START) for call, n in self.faults.used().items()}):
             with self.subTest(call=call, use=use, error=error, times=times):
                 self.faults.forget_uses()
                 self.faults.arm(call, error, use, times)
