@@ -155,7 +155,8 @@ test('a group has rights and a skin, which its users wear', async () => {
   await page.getByRole('button', { name: 'Add a group' }).click();
   const dialog = page.getByRole('dialog');
   await dialog.getByLabel('Name').fill('watchers');
-  await dialog.getByLabel('Skin').selectOption('dusk');
+  assert.deepEqual(await dialog.locator('datalist option').evaluateAll((list) => list.map(({ value }) => value)), ['admin', 'default', 'dusk']);
+  await dialog.getByLabel('Skin').fill('dusk');
   await dialog.getByRole('button', { name: 'Add' }).click();
   await page.getByRole('row', { name: 'watchers' }).getByText('dusk').waitFor();
   await page.getByRole('row', { name: 'watchers' }).getByText('see', { exact: true }).waitFor();
@@ -168,6 +169,22 @@ test('a group has rights and a skin, which its users wear', async () => {
   await wendy.page.screenshot({ path: `${shots}/skin-dusk.png` });
   await wendy.context.close();
   await context.close();
+});
+
+test('a skin that was put into the user store is worn as well', async () => {
+  const { context, page } = await openPage('Files');
+  await page.getByLabel('Folder').fill('skins');
+  const skin = JSON.stringify({ pages: ['account', 'status', 'nonsense'], accent: { light: 'url(x)' } });
+  await page.setInputFiles('input[type=file]', [{ name: 'bare.json', mimeType: 'application/json', buffer: Buffer.from(skin) }]);
+  await page.locator('[data-transfer="skins/bare.json"]').getByText('stored').waitFor();
+  await context.close();
+  await control.tn('call', '13/3', 'addObj', "{s1:'bares',s18:'bare',ub:0x3d0}");
+  await control.tn('call', '13/2', 'addObj', "{s1:'erin',s3:'some password',s12:'bares'}");
+  const erin = await loggedIn('erin', 'some password');
+  await erin.page.getByRole('heading', { level: 1, name: 'Account' }).waitFor();
+  assert.deepEqual(await erin.page.getByRole('navigation').getByRole('link').allTextContents(), ['Account', 'Status']);
+  assert.equal(await erin.page.evaluate(() => document.documentElement.style.length), 0, 'a colour that is none is not worn');
+  await erin.context.close();
 });
 
 test('a user whom the status is not for sees the own account alone', async () => {

@@ -129,19 +129,22 @@ export function startUsers(place, { session, skins }) {
     const name = h('input', { value: before.name, maxlength: 64, spellcheck: 'false', autocapitalize: 'none', autocomplete: 'off' });
     const boxes = rights.map(({ bit, title }) => ({ bit, ...checkbox(title, (before.policies & bit) !== 0) }));
     const named = rights.reduce((sum, { bit }) => sum | bit, 0);
-    const skin = choice([...new Set([...(await skins()), before.skin])].sort(), before.skin);
+    // One that was put into the user store is as good as one that came with the system.
+    const skin = h('input', { value: before.skin, maxlength: 64, spellcheck: 'false', autocapitalize: 'none', autocomplete: 'off', list: 'skins' });
+    const shipped = h('datalist', { id: 'skins' }, ...(await skins()).map((title) => h('option', { value: title })));
     ask({
       title: group ? `Change ${group.name}` : 'Add a group',
       content: [
         field('Name', name),
         h('fieldset', {}, h('legend', {}, 'Its users may'), ...boxes.map(({ element }) => element)),
         field('Skin', skin, 'How the interface looks for them, and which pages it has.'),
+        shipped,
       ],
       label: group ? 'Save' : 'Add',
       action() {
         // Bits without a name stay as they are.
         const policies = boxes.reduce((sum, { bit, input }) => sum | (input.checked ? bit : 0), before.policies & ~named) >>> 0;
-        const fields = writeGroup({ id: group?.id, name: name.value.trim(), policies, skin: skin.value });
+        const fields = writeGroup({ id: group?.id, name: name.value.trim(), policies, skin: skin.value.trim() });
         return run(groups, group ? commands.setObj : commands.addObj, fields);
       },
     }).then(load);
