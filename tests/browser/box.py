@@ -37,7 +37,7 @@ class Box:
         self.system = harness.System()
         self.taken = []
         try:
-            self.port = harness.free_port()
+            self.port, self.tls_port = harness.free_port(), harness.free_port()
             self._start()
             self.notices = Notices(self.system)
             self.helper = Helper(self.system)
@@ -50,11 +50,11 @@ class Box:
 
     def _start(self):
         system = self.system
-        system.start("busd", "sermgr", "userd", "sysd")
-        for name in ("sermgr", "userd", "sysd"):
+        system.start("busd", "sermgr", "userd", "sysd", "tlsd")
+        for name in ("sermgr", "userd", "sysd", "tlsd"):
             system.bus_id(name)
         bus = system.bus()
-        for name, port in (("http", self.port), ("https", harness.free_port())):
+        for name, port in (("http", self.port), ("https", self.tls_port)):
             bus.request([68, 1], SET, {("s", 1): name, ("u", 2): port})
         bus.close()
         system.start("www")
@@ -66,6 +66,7 @@ class Box:
     def environment(self):
         return {
             "TARN_URL": f"http://127.0.0.1:{self.port}/",
+            "TARN_TLS_URL": f"https://127.0.0.1:{self.tls_port}/",
             "TARN_CONTROL": f"http://127.0.0.1:{self.control.server_port}/",
             "TARN_USER": self.user,
             "TARN_PASSWORD": self.password,
@@ -91,7 +92,7 @@ class Box:
         self.system.start(name)
         if name == "busd":
             # The others join again by themselves.
-            for other in ("www", "userd", "sysd", "sermgr"):
+            for other in ("www", "userd", "sysd", "sermgr", "tlsd"):
                 self.system.bus_id(other)
         else:
             self.system.bus_id(name)

@@ -1,7 +1,7 @@
 // What every browser test needs: Debian's Chromium, kept from talking to anyone but this machine.
 import { chromium } from 'playwright-core';
 
-export function launch() {
+export function launch(...more) {
   return chromium.launch({
     executablePath: process.env.CHROMIUM ?? '/usr/bin/chromium',
     args: [
@@ -13,6 +13,7 @@ export function launch() {
       '--disable-component-update',
       '--disable-sync',
       '--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1',
+      ...more,
     ],
   });
 }

@@ -75,6 +75,28 @@ test('files are stored, with their progress, and fetched again', async () => {
   await context.close();
 });
 
+test('over https everything works as well, files too', async () => {
+  // The certificate is one that the system made for itself. Downloads want to be told so for the whole browser.
+  const trusting = await launch('--ignore-certificate-errors');
+  const page = await trusting.newPage();
+  await page.goto(process.env.TARN_TLS_URL);
+  await logIn(page);
+  await page.waitForSelector('.status[data-state=live]');
+  await page.getByRole('navigation').getByRole('link', { name: 'Files' }).click();
+  const content = Buffer.alloc(8_000_000, 'enciphered on its way\n');
+  await page.setInputFiles('input[type=file]', [{ name: 'tls.bin', mimeType: 'application/octet-stream', buffer: content }]);
+  await page.locator('[data-transfer="tls.bin"]').getByText('7.63 MiB, stored').waitFor();
+  assert.equal(await control.file_sum('/rw/disk/tls.bin'), createHash('sha256').update(content).digest('hex'));
+  await page.getByRole('textbox', { name: 'Name' }).fill('tls.bin');
+  const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('button', { name: 'Download' }).click()]);
+  const sum = createHash('sha256');
+  for await (const chunk of await download.createReadStream()) sum.update(chunk);
+  assert.equal(sum.digest('hex'), createHash('sha256').update(content).digest('hex'));
+  await page.getByRole('navigation').getByRole('link', { name: 'Servers' }).click();
+  await page.locator('[data-server=https]').getByText('this page').waitFor();
+  await trusting.close();
+});
+
 test('a name that leaves the store is refused', async () => {
   const { context, page } = await openPage('Files');
   await page.getByLabel('Folder').fill('../../tarn');
