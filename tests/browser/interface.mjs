@@ -31,6 +31,14 @@ export async function openStatus(browser, look = desktop) {
   return opened;
 }
 
+/** Opens the interface, logs in, and goes to a page. */
+export async function openOn(browser, title) {
+  const opened = await openStatus(browser);
+  await opened.page.getByRole('navigation').getByRole('link', { name: title }).click();
+  await opened.page.getByRole('heading', { level: 1, name: title }).waitFor();
+  return opened;
+}
+
 export const sessionState = (page) => page.getAttribute('html', 'data-session');
 
 /** Waits until a function in the page gives something true; the page's policy forbids what page.waitForFunction does. */

@@ -23,6 +23,7 @@ import box  # noqa: E402 - found by the line above
 # Each suite: the files of its tests and the system that they want.
 SUITES = {
     "idle": ("idle.test.mjs", box.Box),
+    "servers": ("servers.test.mjs", box.Box),
     "settings": ("settings.test.mjs", box.Box),
     "faults": ("faults.test.mjs", box.Box),
     "interface": ("interface.test.mjs", box.Box),
