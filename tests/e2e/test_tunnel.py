@@ -43,7 +43,7 @@ class Walk(tunnelbox.TunnelTest):
             # The session ended with it.
             with self.assertRaises(tunnel.SessionLost):
                 box.log_in("admin", tunnelbox.PASSWORD)
-            self.assertIn(f"no session {box.id:x}", self.system.lines("www"))
+            self.system.wait_for_line("www", f"no session {box.id:x}")
             answer = self.log_in(binary=binary).exchange({messages.DESTINATION: []})
             self.assertEqual(tarnbus.error_of(answer), (0xfe000e, "unreachable"))
 
@@ -214,18 +214,16 @@ class Bodies(tunnelbox.TunnelTest):
             return connection.read_response()
 
     def test_lengths(self):
-        for length, line in ((0, "data too small"), (1, "data too small"), (7, "data too small"), (131073, None),
-                             (4294967294, None)):
-            before = len(self.system.lines("www"))
+        for length in (0, 1, 7, 131073, 4294967294):
             response = self.post(length)
             self.assertEqual(response.status, 500, length)
             self.assertEqual(response.reason, "Internal Server Error")
-            told = [text for text in self.system.lines("www")[before:] if text != "acceptConnection"]
-            self.assertEqual(told, [line] if line else [], length)
         for length in (8, 39):
             self.assertEqual(self.post(length, tunnel.bytes_to_text(bytes(length))[:length]).status, 500)
         self.assertEqual(self.post(39, bytes(8) + b"x" * 31, "msg").status, 500)
         self.system.wait_for_line("www", "kex data too small", 3)
+        told = [line for line in self.system.lines("www") if "small" in line]
+        self.assertEqual(told, ["data too small"] * 3 + ["kex data too small"] * 3)
         for length in (40, 41, 131071, 131072):
             response = self.post(length, bytes(8) + b"x" * (length - 8), "msg")
             self.assertEqual(response.status, 200, length)
