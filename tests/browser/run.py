@@ -6,7 +6,9 @@ tree must have been built. The suites run beside each other; the status is 0 whe
 """
 
 import concurrent.futures
+import contextlib
 import os
+import signal
 import subprocess
 import sys
 import tempfile
@@ -33,26 +35,38 @@ SUITES = {
 }
 
 
+def run_node(arguments, environment):
+    """Runs Node and whatever that starts; its status and what it printed."""
+    with tempfile.TemporaryFile("w+") as output:
+        process = subprocess.Popen(["node", *arguments], cwd=HERE, env=environment, stdout=output, stderr=subprocess.STDOUT,
+                                   start_new_session=True)
+        try:
+            status = process.wait(PATIENCE)
+        except subprocess.TimeoutExpired:
+            status = f"hung for {PATIENCE} s"
+        finally:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(process.pid, signal.SIGKILL)
+            process.wait()
+        output.seek(0)
+        return status, output.read()
+
+
 def run_suite(name, shots):
     """Runs one suite; its status and what it printed."""
     pattern, make_system = SUITES[name]
     files = sorted(str(path.relative_to(HERE)) for path in HERE.glob(pattern))
     environment = os.environ | {"TARN_SHOTS": str(shots)}
-    system = None
+    if make_system is None:
+        return run_node(["--test", *files], environment)
+    output = ""
     try:
-        if make_system:
-            system = make_system()
-            environment |= system.environment()
-        with tempfile.TemporaryFile("w+") as output:
-            process = subprocess.run(["node", "--test", *files], cwd=HERE, env=environment, stdout=output,
-                                     stderr=subprocess.STDOUT, check=False, timeout=PATIENCE)
-            output.seek(0)
-            return process.returncode, output.read()
-    except (AssertionError, subprocess.TimeoutExpired) as trouble:
-        return 1, f"{trouble}\n"
-    finally:
-        if system:
-            system.close()
+        with contextlib.closing(make_system()) as system:
+            status, output = run_node(["--test", *files], environment | system.environment())
+        return status, output
+    except AssertionError as trouble:
+        # The system did not start, or a program of it did not end well.
+        return 1, f"{output}\n{trouble}\n"
 
 
 def main():
@@ -66,7 +80,7 @@ def main():
         runs = {pool.submit(run_suite, name, shots): name for name in names}
         for run in concurrent.futures.as_completed(runs):
             status, output = run.result()
-            print(f"== {runs[run]}: {'passed' if status == 0 else 'FAILED'} after {time.monotonic() - began:.0f} s\n{output}",
+            print(f"== {runs[run]}: {'passed' if status == 0 else f'FAILED ({status})'} after {time.monotonic() - began:.0f} s\n{output}",
                   flush=True)
             if status != 0:
                 failed.append(runs[run])
