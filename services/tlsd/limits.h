@@ -31,11 +31,4 @@ inline constexpr std::size_t keptBlocks = 16;
 inline constexpr unsigned blocksPerCall = 4;
 // Plain bytes of one record of TLS.
 inline constexpr std::size_t recordBytes = 16384;
-// The queue of what a server has written and this service has not read. The kernel calls a server that waits only when
-// most of it has gone; a server that hears nothing for two seconds takes its peer for dead. So this decides how slow a
-// peer may be. What comes from a file comes in pieces of 64 KiB, so that less than this would gain nothing.
-inline constexpr int pairQueueBytes = 65536;
-// The same for what the kernel holds for a peer beyond what is on its way.
-inline constexpr int unsentBytes = 131072;
-
 }  // namespace tlsd

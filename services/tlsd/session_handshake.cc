@@ -18,9 +18,6 @@ struct Pair {
 Pair makePair() {
   int ends[2] = {-1, -1};
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) return {};
-  // The kernel doubles what it is asked for.
-  const int half = pairQueueBytes / 2;
-  setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &half, sizeof half);
   return {UniqueFd(ends[0]), UniqueFd(ends[1])};
 }
 
@@ -77,9 +74,6 @@ void Session::giveSocketBack() {
 void Session::openPair() {
   Pair pair = makePair();
   if (!pair.ours) return failHandshake(Failure::system, "there is no descriptor left");
-  // Nothing is gained by a long queue of what is not sent yet: a server that hears nothing for a while takes its peer
-  // for dead.
-  setsockopt(socket_.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsentBytes, sizeof unsentBytes);
   ++owner_.counters_.relayed;
   pair_ = std::move(pair.ours);
   enter(Phase::relay);
