@@ -206,5 +206,5 @@ int main(int argc, char** argv) {
   std::printf("%llu %llu %.6f %llu\n", static_cast<unsigned long long>(totals.answers),
               static_cast<unsigned long long>(totals.bytes), took.count(),
               static_cast<unsigned long long>(totals.failures));
-  return totals.answers > 0 ? 0 : 1;
+  return totals.bytes > 0 ? 0 : 1;
 }
