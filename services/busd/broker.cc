@@ -103,6 +103,7 @@ void Broker::pauseAccepting(bool paused) {
 }
 
 bool Broker::adopt(UniqueFd socket, uid_t uid) {
+  noteNumber(socket.get());
   const bool trusted = uid == 0 || uid == uid_;
   if (clients_.size() >= limits_.clients - (trusted ? 0 : limits_.trustedClients)) {
     turnAway(std::move(socket));
