@@ -2,45 +2,28 @@
 
 #include <algorithm>
 #include <array>
-#include <span>
 #include <vector>
 
-#include "platform/log.h"
+#include "services/common/known_fields.h"
 
 namespace hotspot {
 namespace {
+
+using service::checkKnown;
+using service::keyOf;
 
 constexpr std::uint32_t defaultPort = 8090;
 constexpr std::uint32_t loopbackNet = 0x7f000000;
 constexpr std::uint32_t loopbackMask = 0xff000000;
 constexpr std::uint32_t addressBits = 128;
 
-// From here up fields belong to the bus.
-constexpr std::uint32_t firstBusField = 0xfe0000;
-
-template <tn::FieldType T>
-constexpr std::uint32_t keyOf(tn::FieldId<T> id) {
-  return static_cast<std::uint32_t>(T) | id.id;
-}
-
 constexpr std::array recordKeys = {keyOf(field::name),    keyOf(field::port),      keyOf(field::tlsRef),
                                    keyOf(field::allowed), keyOf(field::lastError), keyOf(field::applied)};
 constexpr std::array prefixKeys = {keyOf(prefix_field::ipv4), keyOf(prefix_field::ipv4Mask), keyOf(prefix_field::ipv6),
                                    keyOf(prefix_field::ipv6Length)};
 
-Problem checkKeys(const tn::message& msg, std::span<const std::uint32_t> known) {
-  Problem problem;
-  msg.forEach([&](const tn::message::Field& found) {
-    const std::uint32_t key = static_cast<std::uint32_t>(found.type) | found.id;
-    if (problem || found.id >= firstBusField || std::ranges::find(known, key) != known.end()) return;
-    problem = "field ";
-    problem->append(NumberText(found.id, 16)).append(" is not known with this type");
-  });
-  return problem;
-}
-
 Problem checkPrefix(const tn::message& element) {
-  if (Problem problem = checkKeys(element, prefixKeys)) return problem;
+  if (Problem problem = checkKnown(element, prefixKeys)) return problem;
   const bool ipv4 = element.has(prefix_field::ipv4) && element.has(prefix_field::ipv4Mask);
   const bool ipv6 = element.has(prefix_field::ipv6) && element.has(prefix_field::ipv6Length);
   if (ipv4 == ipv6) return "a prefix has fields 1 and 2, or 3 and 4";
@@ -93,7 +76,7 @@ tn::message recordFrom(const tn::message& base, const tn::message& given) {
 }
 
 Problem checkFields(const tn::message& given) {
-  return checkKeys(given, recordKeys);
+  return checkKnown(given, recordKeys);
 }
 
 std::string_view nameOf(const tn::message& record) {

@@ -3,37 +3,20 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
-#include <span>
 
-#include "platform/log.h"
+#include "services/common/known_fields.h"
 
 namespace sermgr {
 namespace {
 
-// From here up fields belong to the bus.
-constexpr std::uint32_t firstBusField = 0xfe0000;
-
-template <tn::FieldType T>
-constexpr std::uint32_t keyOf(tn::FieldId<T> id) {
-  return static_cast<std::uint32_t>(T) | id.id;
-}
+using service::checkKnown;
+using service::keyOf;
 
 // The state of a record may stand in a command, so that a record that was listed can be given back as it is.
 constexpr std::array recordKeys = {keyOf(field::name),    keyOf(field::port),      keyOf(field::tlsRef),
                                    keyOf(field::allowed), keyOf(field::lastError), keyOf(field::applied)};
 constexpr std::array prefixKeys = {keyOf(prefix_field::ipv4), keyOf(prefix_field::ipv4Mask), keyOf(prefix_field::ipv6),
                                    keyOf(prefix_field::ipv6Length)};
-
-Problem checkFields(const tn::message& msg, std::span<const std::uint32_t> known) {
-  Problem problem;
-  msg.forEach([&](const tn::message::Field& found) {
-    const std::uint32_t key = static_cast<std::uint32_t>(found.type) | found.id;
-    if (problem || found.id >= firstBusField || std::ranges::find(known, key) != known.end()) return;
-    problem = "field ";
-    problem->append(NumberText(found.id, 16)).append(" is not known with this type");
-  });
-  return problem;
-}
 
 Problem readIpv4(const tn::message& element, Prefix& prefix) {
   const auto address = element.get(prefix_field::ipv4);
@@ -55,7 +38,7 @@ Problem readIpv6(const tn::message& element, Prefix& prefix) {
 }
 
 Problem readPrefix(const tn::message& element, Prefix& prefix) {
-  if (Problem problem = checkFields(element, prefixKeys)) return problem;
+  if (Problem problem = checkKnown(element, prefixKeys)) return problem;
   const bool ipv4 = element.has(prefix_field::ipv4) || element.has(prefix_field::ipv4Mask);
   const bool ipv6 = element.has(prefix_field::ipv6) || element.has(prefix_field::ipv6Length);
   if (ipv4 == ipv6) return "either an IPv4 or an IPv6 address is needed";
@@ -100,7 +83,7 @@ Problem checkPort(std::uint32_t port) {
 }
 
 Problem applyFields(Record& record, const tn::message& command) {
-  if (Problem problem = checkFields(command, recordKeys)) return problem;
+  if (Problem problem = checkKnown(command, recordKeys)) return problem;
   Record changed = record;
   changed.enabled = !command.get(tn::field::disabled).value_or(!record.enabled);
   changed.port = command.get(field::port).value_or(record.port);

@@ -1,18 +1,13 @@
 #include "services/userd/fields.h"
 
-#include <algorithm>
 #include <array>
 #include <utility>
 
 #include "platform/bus/looper.h"
-#include "platform/log.h"
 #include "services/userd/password.h"
 
 namespace userd {
 namespace {
-
-// From here up fields belong to the bus.
-constexpr std::uint32_t firstBusField = 0xfe0000;
 
 // The policies of a user may stand in a command, so that one that was listed can be given back as it is.
 constexpr std::array userKeys = {keyOf(field::name),   keyOf(field::fullName), keyOf(field::groupName),
@@ -34,17 +29,6 @@ Problem take(const tn::message& command, tn::string_id id, std::string& value, P
 }
 
 }  // namespace
-
-Problem checkKnown(const tn::message& msg, std::span<const std::uint32_t> known) {
-  Problem problem;
-  msg.forEach([&](const tn::message::Field& found) {
-    const std::uint32_t key = static_cast<std::uint32_t>(found.type) | found.id;
-    if (problem || found.id >= firstBusField || std::ranges::find(known, key) != known.end()) return;
-    problem = "field ";
-    problem->append(NumberText(found.id, 16)).append(" is not known with this type");
-  });
-  return problem;
-}
 
 std::optional<Secret> takePassword(tn::message& msg, tn::string_id id) {
   const auto text = msg.get(id);

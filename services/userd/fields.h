@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <expected>
 #include <optional>
-#include <span>
 #include <string>
 
 #include "platform/bus/message.h"
+#include "services/common/known_fields.h"
 #include "services/userd/account.h"
 #include "services/userd/accounts.h"
 #include "services/userd/secret.h"
@@ -30,14 +30,8 @@ inline constexpr tn::addr6_id clientAddress{0xff0013};
 inline constexpr tn::message_array_id all{1};
 }  // namespace field
 
-template <tn::FieldType T>
-[[nodiscard]] constexpr std::uint32_t keyOf(tn::FieldId<T> id) {
-  return static_cast<std::uint32_t>(T) | id.id;
-}
-
-// What is wrong when a message holds a field that is not among `known`, beside those of the bus: one of another type
-// than meant would else be overlooked in silence.
-[[nodiscard]] Problem checkKnown(const tn::message& msg, std::span<const std::uint32_t> known);
+using service::checkKnown;
+using service::keyOf;
 
 // The password of a message, taken out of it: its bytes there are overwritten. Nothing when there is no such field; a
 // text that can be no password becomes the empty one, which matches nothing.
