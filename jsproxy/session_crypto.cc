@@ -98,7 +98,7 @@ Scalar randomScalar(const char* device) {
   if (!readRandom(device, bytes)) {
     logSystemError("urandom");
     for (std::uint8_t& byte : bytes)
-      byte = static_cast<std::uint8_t>(rand());  // NOLINT(cert-msc30-c,concurrency-mt-unsafe)
+      byte = static_cast<std::uint8_t>(rand());
   }
   bytes[31] &= 0xF8;
   bytes[0] &= 0x7F;
