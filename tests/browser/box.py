@@ -109,6 +109,13 @@ class Box:
         file = self.system.path(path)
         return file.read_text() if file.exists() else None
 
+    def make_files(self, path, count):
+        """Makes a directory of the image with that many empty files: 0000, 0001 ..."""
+        folder = self.system.path(path)
+        folder.mkdir(parents=True)
+        for number in range(count):
+            (folder / f"{number:04}").touch()
+
     def file_sum(self, path):
         return hashlib.sha256(self.system.path(path).read_bytes()).hexdigest()
 

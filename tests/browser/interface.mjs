@@ -39,6 +39,18 @@ export async function openOn(browser, title) {
   return opened;
 }
 
+/** Waits until the files page says this. */
+export const listed = (page, text) => page.getByRole('region', { name: 'Listing' }).getByText(text, { exact: true }).waitFor();
+
+/** Makes a folder in the one that the files page shows. */
+export async function makeFolder(page, name) {
+  await page.getByRole('button', { name: 'New folder' }).click();
+  const dialog = page.getByRole('dialog', { name: 'New folder' });
+  await dialog.getByLabel('Name').fill(name);
+  await dialog.getByRole('button', { name: 'Create' }).click();
+  await dialog.waitFor({ state: 'hidden' });
+}
+
 export const sessionState = (page) => page.getAttribute('html', 'data-session');
 
 /** Waits until a function in the page gives something true; the page's policy forbids what page.waitForFunction does. */

@@ -26,6 +26,7 @@ import box  # noqa: E402 - found by the line above
 SUITES = {
     "idle": ("idle.test.mjs", box.Box),
     "servers": ("servers.test.mjs", box.Box),
+    "files": ("files.test.mjs", box.Box),
     "settings": ("settings.test.mjs", box.Box),
     "faults": ("faults.test.mjs", box.Box),
     "interface": ("interface.test.mjs", box.Box),

@@ -1,10 +1,9 @@
-// The pages of files and users.
+// All pages but the status, and that of users more closely.
 import assert from 'node:assert/strict';
-import { createHash } from 'node:crypto';
 import { after, before, test } from 'node:test';
 
 import { control, until } from './control.mjs';
-import { account, desktop, launch, logIn, noticed, open, openOn, openStatus, phone, sessionState, shots } from './interface.mjs';
+import { account, desktop, launch, listed, logIn, makeFolder, noticed, open, openOn, openStatus, phone, sessionState, shots } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -24,6 +23,7 @@ test('every page fits a phone and a desktop', async () => {
     for (const title of ['Files', 'Servers', 'Users', 'Account']) {
       await page.getByRole('navigation').getByRole('link', { name: title }).click();
       await page.getByRole('heading', { level: 1, name: title }).waitFor();
+      if (title === 'Files') await page.getByRole('region', { name: 'Listing' }).getByText(/entr|Nothing/).waitFor();
       if (title === 'Servers') await page.locator('[data-server=http]').waitFor();
       if (title === 'Users') await page.getByRole('row', { name: 'guests' }).waitFor();
       assert.equal(await page.evaluate(() => document.documentElement.scrollWidth - innerWidth), 0, `${title} is too wide`);
@@ -38,67 +38,6 @@ test('every page fits a phone and a desktop', async () => {
     assert.deepEqual(troubles, []);
     await context.close();
   }
-});
-
-// Files
-
-test('files are stored, with their progress, and fetched again', async () => {
-  const { context, page } = await openPage('Files');
-  const content = Buffer.alloc(5_000_000, 'some bytes of a file\r\n');
-  await page.getByLabel('Folder').fill('backup');
-  await page.setInputFiles('input[type=file]', [
-    { name: 'large.bin', mimeType: 'application/octet-stream', buffer: content },
-    { name: 'small.txt', mimeType: 'text/plain', buffer: Buffer.from('small') },
-  ]);
-  await page.locator('[data-transfer="backup/large.bin"]').getByText('4.77 MiB, stored').waitFor();
-  await page.locator('[data-transfer="backup/small.txt"]').getByText('5 B, stored').waitFor();
-  assert.equal(await page.getByRole('progressbar', { name: 'backup/large.bin' }).getAttribute('value'), '1');
-  assert.equal(await control.file_sum('/rw/disk/backup/large.bin'), createHash('sha256').update(content).digest('hex'));
-  await page.screenshot({ path: `${shots}/files-stored.png`, fullPage: true });
-
-  await page.getByRole('textbox', { name: 'Name' }).fill('backup/small.txt');
-  const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('button', { name: 'Download' }).click()]);
-  assert.equal(download.suggestedFilename(), 'small.txt');
-  const chunks = [];
-  for await (const chunk of await download.createReadStream()) chunks.push(chunk);
-  assert.equal(Buffer.concat(chunks).toString(), 'small');
-
-  await page.getByRole('textbox', { name: 'Name' }).fill('backup/none.txt');
-  await page.getByRole('button', { name: 'Download' }).click();
-  await page.getByText('There is no such file.').waitFor();
-  assert.equal(await sessionState(page), 'online');
-  await context.close();
-});
-
-test('over https everything works as well, files too', async () => {
-  // The certificate is one that the system made for itself. Downloads want to be told so for the whole browser.
-  const trusting = await launch('--ignore-certificate-errors');
-  const page = await trusting.newPage();
-  await page.goto(process.env.TARN_TLS_URL);
-  await logIn(page);
-  await page.waitForSelector('.status[data-state=live]');
-  await page.getByRole('navigation').getByRole('link', { name: 'Files' }).click();
-  const content = Buffer.alloc(8_000_000, 'enciphered on its way\n');
-  await page.setInputFiles('input[type=file]', [{ name: 'tls.bin', mimeType: 'application/octet-stream', buffer: content }]);
-  await page.locator('[data-transfer="tls.bin"]').getByText('7.63 MiB, stored').waitFor();
-  assert.equal(await control.file_sum('/rw/disk/tls.bin'), createHash('sha256').update(content).digest('hex'));
-  await page.getByRole('textbox', { name: 'Name' }).fill('tls.bin');
-  const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('button', { name: 'Download' }).click()]);
-  const sum = createHash('sha256');
-  for await (const chunk of await download.createReadStream()) sum.update(chunk);
-  assert.equal(sum.digest('hex'), createHash('sha256').update(content).digest('hex'));
-  await page.getByRole('navigation').getByRole('link', { name: 'Servers' }).click();
-  await page.locator('[data-server=https]').getByText('this page').waitFor();
-  await trusting.close();
-});
-
-test('a name that leaves the store is refused', async () => {
-  const { context, page } = await openPage('Files');
-  await page.getByLabel('Folder').fill('../../tarn');
-  await page.setInputFiles('input[type=file]', [{ name: 'x.txt', mimeType: 'text/plain', buffer: Buffer.from('x') }]);
-  await page.locator('[data-transfer="../../tarn/x.txt"]').getByText('Not allowed').waitFor();
-  assert.equal(await control.read_file('/tarn/x.txt'), null);
-  await context.close();
 });
 
 // Users
@@ -190,7 +129,9 @@ test('a group has rights and a skin, which its users wear', async () => {
 
 test('a skin that was put into the user store is worn as well', async () => {
   const { context, page } = await openPage('Files');
-  await page.getByLabel('Folder').fill('skins');
+  await makeFolder(page, 'skins');
+  await page.getByRole('link', { name: 'skins', exact: true }).click();
+  await listed(page, 'Nothing is here.');
   const skin = JSON.stringify({ pages: ['account', 'status', 'nonsense'], accent: { light: 'url(x)' } });
   await page.setInputFiles('input[type=file]', [{ name: 'bare.json', mimeType: 'application/json', buffer: Buffer.from(skin) }]);
   await page.locator('[data-transfer="skins/bare.json"]').getByText('stored').waitFor();

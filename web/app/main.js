@@ -102,16 +102,18 @@ const permitted = () => pagesOf(skin, pages).filter(({ needs }) => (session.stat
 function route() {
   if (!session.state.account || !skin) return;
   const list = permitted();
-  const wanted = location.hash.replace(/^#\//, '');
+  // Behind a page's name may stand a place within the page.
+  const [, wanted, rest = ''] = /^#\/([^/]*)\/?(.*)$/.exec(location.hash) ?? [];
   const entry = list.find((page) => page.name === wanted) ?? list[0];
+  const within = entry?.name === wanted ? rest : '';
   showTabs(list, entry);
-  if (shown && shown.entry === entry) return;
+  if (shown && shown.entry === entry) return shown.page.onAddress?.(within);
   closePage();
   if (!entry) {
     view.append(h('p', { class: 'empty' }, 'Your group may not see anything here. An administrator can change that.'));
     return;
   }
-  shown = { entry, page: entry.start(view, { session, notices, skins: shippedSkins }) };
+  shown = { entry, page: entry.start(view, { session, notices, skins: shippedSkins, within }) };
 }
 
 function showTabs(list, current) {
