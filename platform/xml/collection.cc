@@ -100,8 +100,11 @@ DocumentCollection::DocumentCollection(const std::string& directory) {
     errors_.push_back({directory, 0, 0, expected});
     return;
   }
-  for (const std::string& name : *names)
-    readDocument(directory + '/' + name);
+  std::string path;
+  for (const std::string& name : *names) {
+    path.assign(directory).append("/").append(name);
+    readDocument(path);
+  }
 }
 
 void DocumentCollection::readDocument(const std::string& path) {
