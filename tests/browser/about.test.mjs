@@ -2,7 +2,7 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
-import { launch, watch } from './browser.mjs';
+import { get, launch, newContext, watch } from './browser.mjs';
 
 const origin = new URL(process.env.TARN_URL).origin;
 const shots = process.env.TARN_SHOTS;
@@ -18,7 +18,7 @@ before(async () => (browser = await launch()));
 after(() => browser.close());
 
 async function open(look) {
-  const context = await browser.newContext(look);
+  const context = await newContext(browser, look);
   const page = await context.newPage();
   const troubles = watch(page, origin);
   await page.goto(origin + '/about.html');
@@ -44,7 +44,7 @@ for (const look of looks) {
 
 test('every file of the web tree is asked for and listed', async () => {
   const { context, page } = await open(looks[0]);
-  const { files } = await (await context.request.get(origin + '/system.json')).json();
+  const { files } = await (await get(context, origin + '/system.json')).json();
   assert.ok(files.length > 5);
   const asked = await page.evaluate(() => performance.getEntriesByType('resource').map((e) => new URL(e.name).pathname));
   for (const path of files) assert.ok(asked.includes(path), `${path} was not asked for`);
@@ -69,9 +69,9 @@ test('what may be kept is named after its content, and the page itself is asked 
   const { context, page } = await open(looks[0]);
   const kept = await page.getAttribute('link[rel=stylesheet]', 'href');
   assert.match(kept, /^\/assets\/[0-9a-f]{12}\/about-style\.css$/);
-  const style = await context.request.get(origin + kept);
+  const style = await get(context, origin + kept);
   assert.equal(style.headers()['cache-control'], 'max-age=31536000');
-  const document = await context.request.get(origin + '/about.html');
+  const document = await get(context, origin + '/about.html');
   assert.equal(document.headers()['cache-control'], 'no-store');
   await context.close();
 });
@@ -81,13 +81,13 @@ test('the facts of the connection are the real ones', async () => {
   assert.equal(await page.textContent('[data-fact=address]'), new URL(origin).host);
   assert.equal(await page.textContent('[data-fact=protocol]'), 'HTTP/1.1');
   assert.match(await page.textContent('[data-fact=roundTrip]'), /^\d+(\.\d)? ms$/);
-  const { version } = await (await context.request.get(origin + '/system.json')).json();
+  const { version } = await (await get(context, origin + '/system.json')).json();
   assert.equal(await page.textContent('[data-fact=version]'), version);
   await context.close();
 });
 
 test('the page can be read without script', async () => {
-  const context = await browser.newContext({ ...looks[0], javaScriptEnabled: false });
+  const context = await newContext(browser, { ...looks[0], javaScriptEnabled: false });
   const page = await context.newPage();
   await page.goto(origin + '/about.html');
   assert.equal(await page.textContent('h1'), 'The server is up.');
@@ -96,7 +96,7 @@ test('the page can be read without script', async () => {
 });
 
 test('a start page of another version is fetched again', async () => {
-  const context = await browser.newContext(looks[0]);
+  const context = await newContext(browser, looks[0]);
   const page = await context.newPage();
   let fetched = 0;
   await page.route(`${origin}/`, async (route) => {
@@ -114,7 +114,7 @@ test('a start page of another version is fetched again', async () => {
 });
 
 test('the page of the desktop client leads to it', async () => {
-  const context = await browser.newContext(looks[0]);
+  const context = await newContext(browser, looks[0]);
   const page = await context.newPage();
   const troubles = watch(page, origin);
   await page.goto(origin + '/');

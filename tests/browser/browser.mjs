@@ -1,6 +1,8 @@
 // What every browser test needs: Debian's Chromium, kept from talking to anyone but this machine.
 import { chromium } from 'playwright-core';
 
+import { patience } from './control.mjs';
+
 export function launch(...more) {
   return chromium.launch({
     executablePath: process.env.CHROMIUM ?? '/usr/bin/chromium',
@@ -17,6 +19,16 @@ export function launch(...more) {
     ],
   });
 }
+
+/** A browser's window of its own: its cookies, its cache, its keep-alive connections. */
+export async function newContext(browser, look) {
+  const context = await browser.newContext(look);
+  context.setDefaultTimeout(patience);
+  return context;
+}
+
+/** Asks for a path beside the page. On a connection of its own: one that is kept may be closed by the server as it is used again. */
+export const get = (context, url) => context.request.get(url, { headers: { connection: 'close' } });
 
 // Collects what went wrong while a page loaded: errors of the console and of scripts, requests that failed or were
 // answered with an error, and requests to anyone but the page's own server.

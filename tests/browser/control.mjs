@@ -11,8 +11,11 @@ export const control = new Proxy({}, { get: (_, operation) => (...args) => post(
 export const origin = process.env.TARN_URL && new URL(process.env.TARN_URL).origin;
 export const account = { user: process.env.TARN_USER, password: process.env.TARN_PASSWORD };
 
+/** How long a test waits for something before it says that it waited in vain; a busy machine is no fault of the page. */
+export const patience = 90000;
+
 /** Waits until a condition gives something true, and returns it. */
-export async function until(condition, what, patience = 30000) {
+export async function until(condition, what) {
   const deadline = Date.now() + patience;
   for (;;) {
     const result = await condition();

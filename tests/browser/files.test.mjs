@@ -4,7 +4,7 @@ import { createHash } from 'node:crypto';
 import { after, before, test } from 'node:test';
 
 import { control, until } from './control.mjs';
-import { launch, listed, logIn, makeFolder, noticed, open, openOn, phone, sessionState, shots } from './interface.mjs';
+import { launch, listed, logIn, makeFolder, newContext, noticed, open, openOn, phone, sessionState, shots } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -209,7 +209,7 @@ test('a folder that is not there and a service that is away are told, and the li
 test('over https everything works as well, files too', async () => {
   // The certificate is one that the system made for itself. Downloads want to be told so for the whole browser.
   const trusting = await launch('--ignore-certificate-errors');
-  const page = await trusting.newPage();
+  const page = await (await newContext(trusting)).newPage();
   await page.goto(process.env.TARN_TLS_URL);
   await logIn(page);
   await page.waitForSelector('.status[data-state=live]');

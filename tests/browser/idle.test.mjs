@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
 import { control, until } from './control.mjs';
-import { account, figuresMove, launch, open, openStatus, origin, sessionState, waitFor } from './interface.mjs';
+import { account, figuresMove, get, launch, open, openStatus, origin, sessionState, waitFor } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -12,7 +12,7 @@ after(() => browser.close());
 test('a session without a poll is gone after 60 seconds, one with a poll stays', async () => {
   const watching = await openStatus(browser);
   const { context, page } = await open(browser);
-  const { files } = await (await context.request.get(`${origin}/system.json`)).json();
+  const { files } = await (await get(context, `${origin}/system.json`)).json();
   const client = files.find((path) => path.endsWith('/client.js'));
   const id = await page.evaluate(async ([path, { user, password }]) => {
     const { Session } = await import(path);
@@ -25,7 +25,7 @@ test('a session without a poll is gone after 60 seconds, one with a poll stays',
   }, [client, account]);
   assert.equal(typeof id, 'number');
   const began = Date.now();
-  await until(async () => (await control.end_notices()).includes(id), 'the notice of the end', 80000);
+  await until(async () => (await control.end_notices()).includes(id), 'the notice of the end');
   const seconds = (Date.now() - began) / 1000;
   assert.ok(seconds > 58, `gone after ${seconds} s already`);
 

@@ -1,7 +1,7 @@
 // What the tests of the interface share.
 import assert from 'node:assert/strict';
 
-import { launch, watch } from './browser.mjs';
+import { get, launch, newContext, watch } from './browser.mjs';
 import { account, origin, until } from './control.mjs';
 
 export const desktop = { colorScheme: 'light', viewport: { width: 1280, height: 900 } };
@@ -10,7 +10,7 @@ export const shots = process.env.TARN_SHOTS;
 
 /** Opens the interface in a browser of its own. What goes wrong is collected in `troubles`. */
 export async function open(browser, look = desktop) {
-  const context = await browser.newContext(look);
+  const context = await newContext(browser, look);
   const page = await context.newPage();
   const troubles = watch(page, origin);
   await page.goto(origin + '/');
@@ -68,4 +68,4 @@ export async function figuresMove(page) {
 export const noticed = (page, text) => page.getByRole('status').getByText(text).waitFor();
 export const unnoticed = (page, text) => page.getByRole('status').getByText(text).waitFor({ state: 'hidden' });
 
-export { account, launch, origin };
+export { account, get, launch, newContext, origin };

@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
 import { control, until } from './control.mjs';
-import { account, desktop, figuresMove, launch, logIn, open, openStatus, origin, phone, sessionState, shots, waitFor } from './interface.mjs';
+import { account, desktop, figuresMove, get, launch, logIn, open, openStatus, origin, phone, sessionState, shots, waitFor } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -85,7 +85,7 @@ test('the plot shows traffic that is made', async () => {
   const [style] = await page.$$eval('link[rel=stylesheet]', (list) => list.map((element) => element.href));
   const rate = () => page.locator('[data-interface=lo] [data-rate=in]').textContent();
   await until(async () => {
-    await Promise.all(Array.from({ length: 20 }, () => context.request.get(style)));
+    await Promise.all(Array.from({ length: 20 }, () => get(context, style)));
     return /[MG]bit/.test(await rate());
   }, 'the rate to rise');
   const scales = await page.locator('[data-interface=lo] .scale').allTextContents();
@@ -212,7 +212,7 @@ test('what may be kept is named after its content', async () => {
   assert.ok(kept.length >= 4, `${kept}`);
   for (const path of kept) {
     assert.match(path, /^\/assets\/[0-9a-f]{12}\//);
-    const response = await context.request.get(origin + path);
+    const response = await get(context, origin + path);
     assert.equal(response.status(), 200);
     assert.equal(response.headers()['cache-control'], 'max-age=31536000');
     assert.equal(response.headers()['content-encoding'], 'gzip', path);

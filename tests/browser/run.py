@@ -17,7 +17,9 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 # How long a suite may take before it counts as hung, in seconds.
-PATIENCE = 300
+PATIENCE = 600
+# How many suites run at once. A browser computes more than it waits: more of them than there are cores only make each slow.
+AT_ONCE = 1 + (os.cpu_count() or 1)
 sys.path.insert(0, str(HERE.parent / "e2e"))
 
 import box  # noqa: E402 - found by the line above
@@ -70,21 +72,37 @@ def run_suite(name, shots):
         return 1, f"{output}\n{trouble}\n"
 
 
+def failures_of(output):
+    """What Node says of the tests that failed, each from its "not ok" to the end of its details; all when there is none."""
+    found, taken = [], False
+    for line in output.splitlines():
+        if line.lstrip().startswith("not ok"):
+            taken = True
+        if taken:
+            found.append(line)
+        if line.strip() == "...":
+            taken = False
+    return "\n".join(found) or output
+
+
 def main():
     build, shots = (Path(argument).resolve() for argument in sys.argv[1:3])
     shots.mkdir(parents=True, exist_ok=True)
     os.environ["TARN_BUILD"] = str(build)
     names = sys.argv[3:] or list(SUITES)
-    failed = []
+    failed = {}
     began = time.monotonic()
-    with concurrent.futures.ThreadPoolExecutor(len(names)) as pool:
+    with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         runs = {pool.submit(run_suite, name, shots): name for name in names}
         for run in concurrent.futures.as_completed(runs):
             status, output = run.result()
             print(f"== {runs[run]}: {'passed' if status == 0 else f'FAILED ({status})'} after {time.monotonic() - began:.0f} s\n{output}",
                   flush=True)
             if status != 0:
-                failed.append(runs[run])
+                failed[runs[run]] = failures_of(output)
+    # Last, where whoever reads only the end of this finds it.
+    for name, failures in failed.items():
+        print(f"== {name} failed:\n{failures}")
     print("failed: " + ", ".join(failed) if failed else "all suites passed")
     return 1 if failed else 0
 

@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
 import { control } from './control.mjs';
-import { launch, logIn, noticed, openOn, origin, shots } from './interface.mjs';
+import { get, launch, logIn, noticed, openOn, origin, shots } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -61,7 +61,7 @@ test('a port that is taken is not taken, and the page stays', async () => {
   await dialog.getByText('The port is taken by something else, or may not be used. Nothing has been changed.').waitFor();
   await dialog.getByRole('button', { name: 'Cancel' }).click();
   await server(page, 'http').getByText(`Port ${new URL(origin).port},`).waitFor();
-  assert.equal((await context.request.get(origin + '/favicon.ico')).status(), 200);
+  assert.equal((await get(context, origin + '/favicon.ico')).status(), 200);
   await context.close();
 });
 
@@ -72,11 +72,11 @@ test('nobody locks out the own browser', async () => {
   await page.screenshot({ path: `${shots}/servers-locked-out.png` });
   await dialog.getByRole('button', { name: 'Cancel' }).click();
   await server(page, 'http').getByText('from 127.0.0.0/8, ::1/128').waitFor();
-  assert.equal((await context.request.get(origin + '/favicon.ico')).status(), 200);
+  assert.equal((await get(context, origin + '/favicon.ico')).status(), 200);
 
   const again = await changeServer(page, 'http', { Listen: false });
   await again.getByText('This page comes through this server.').waitFor();
-  assert.equal((await context.request.get(origin + '/favicon.ico')).status(), 200, 'nothing has happened yet');
+  assert.equal((await get(context, origin + '/favicon.ico')).status(), 200, 'nothing has happened yet');
   await again.getByRole('button', { name: 'Cancel' }).click();
 
   await changeServer(page, 'http', { 'Reachable from': '127.0.0.1\n::1' });

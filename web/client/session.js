@@ -64,6 +64,8 @@ const silence = 25000;
 const watchInterval = 5000;
 // How long the server keeps a session that nobody uses.
 const serverKeeps = 60000;
+// The server's minute began when it answered, and a busy page may have read that so much later.
+const readLate = 5000;
 const firstPause = 500;
 const longestPause = 10000;
 // While the machine starts, its user service may come last, and a login is refused until then.
@@ -460,7 +462,7 @@ export class Session {
 
   #forget(away) {
     away.tunnel = null;
-    away.expired = Date.now() - away.since >= serverKeeps;
+    away.expired = Date.now() - away.since >= serverKeeps - readLate;
   }
 
   #rest(milliseconds) {
