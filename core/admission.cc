@@ -142,7 +142,12 @@ void acceptConnection(ServerEntry& entry) {
   if (tooManyConnections()) return pauseAccepting(entry);
   SocketAddress peer;
   UniqueFd socket = acceptFrom(entry, entry.tcpSocket, peer.data(), peer.length());
-  if (!socket || !isAllowed(entry, peer.address())) return;
+  if (!socket) return;
+  if (!isAllowed(entry, peer.address())) {
+    ++entry.counters.refusedByPrefix;
+    return;
+  }
+  ++entry.counters.accepted;
   newConnection(entry, std::move(socket), entry.ssl, false);
 }
 
@@ -151,10 +156,12 @@ void acceptUnixConnection(ServerEntry& entry) {
   if (tooManyConnections()) return pauseAccepting(entry);
   UniqueFd socket = acceptFrom(entry, entry.unixSocket, nullptr, nullptr);
   if (!socket) return;
+  ++entry.counters.accepted;
   newConnection(entry, std::move(socket), entry.ssl, true);
 }
 
 void pauseAccepting(ServerEntry& entry) {
+  if (entry.pauseTimer == 0) ++entry.counters.pauses;
   watchListeners(entry, 0);
   startPause(entry);
 }

@@ -1,5 +1,6 @@
 #include <csignal>
 
+#include "core/counter_handler.h"
 #include "core/web_server.h"
 #include "http/connection.h"
 #include "platform/bus/looper.h"
@@ -15,6 +16,8 @@ int main() {
   tn::Looper looper(tn::Looper::Tuning{});
   WebServer server;
   looper.addHandler(controlHandlerId, server);
+  CounterHandler counters(server.servers);
+  looper.addHandler(CounterHandler::busHandlerId, counters);
   // A peer that has gone shows itself as a failed write, and so does a file that may not grow.
   signal(SIGPIPE, SIG_IGN);
   signal(SIGXFSZ, SIG_IGN);

@@ -24,8 +24,8 @@ Connection::Connection(Key /*key*/, Site& site, UniqueFd socket, bool tls, bool 
     : server_(site),
       socket_(std::move(socket)),
       request_(tls, unixListener),
-      headerTimer_([this] { close(); }),
-      idleTimer_([this] { close(); }),
+      headerTimer_([this] { timeOut(); }),
+      idleTimer_([this] { timeOut(); }),
       runner_(runner) {}
 
 Connection& createConnection(Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner) {
@@ -33,6 +33,7 @@ Connection& createConnection(Site& site, UniqueFd socket, bool tls, bool unixLis
   Connection& connection = all.emplace_front(Connection::Key(), site, std::move(socket), tls, unixListener, runner);
   connection.self_ = all.begin();
   ++openConnections;
+  ++site.counters.open;
   return connection;
 }
 
@@ -78,6 +79,28 @@ void Connection::close() {
   freeIfEnded();
 }
 
+// The header timer of a request without version still runs while it is parked: what ran out then is its head's time.
+void Connection::timeOut() {
+  switch (state_) {
+    case State::ReadForward:
+    case State::ReadRequestLine:
+    case State::ReadHeaders:
+    case State::Dispatched:
+      ++server_.counters.headTimeouts;
+      break;
+    case State::ReadBody:
+      ++server_.counters.bodyTimeouts;
+      break;
+    case State::Writing:
+      ++server_.counters.writeTimeouts;
+      break;
+    case State::Closed:
+    case State::Ended:
+      break;
+  }
+  close();
+}
+
 // What `close` does but for the freeing, which is left to whoever was called from outside.
 void Connection::finish() {
   switch (state_) {
@@ -103,6 +126,7 @@ void Connection::destroy() {
   state_ = State::Ended;
   runRequestEnd();
   --openConnections;
+  --server_.counters.open;
   headerTimer_.cancel();
   idleTimer_.cancel();
   out_ = {};

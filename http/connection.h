@@ -81,6 +81,7 @@ class Connection {
 
   // connection.cc: life and parking
   void handleEvents(unsigned events);
+  void timeOut();
   void finish();
   void destroy();
   void closeSocket();

@@ -71,6 +71,7 @@ bool Connection::readMore() {
   }
   if (static_cast<std::size_t>(count) < room) runner_.drained(socket_.get(), tn::readable);
   fill_ += static_cast<std::uint32_t>(count);
+  server_.counters.bytesRead += static_cast<std::uint32_t>(count);
   return true;
 }
 

@@ -62,6 +62,7 @@ void Connection::writeResponse() {
   out_ = {};
   buffer_.clear();
   buildResponse(request_, response_, runner_, buffer_, out_);
+  server_.counters.countResponse(response_.status);
   watch(tn::writable);
 }
 
@@ -84,6 +85,7 @@ bool Connection::writeHead() {
     return false;
   }
   const auto written = static_cast<std::size_t>(count);
+  server_.counters.bytesWritten += written;
   const std::size_t ofHead = std::min(written, buffer_.size() + out_.text.size() - out_.sent);
   out_.sent += ofHead;
   out_.fileOffset += static_cast<off_t>(written - ofHead);
@@ -104,6 +106,7 @@ bool Connection::writeFile() {
     return false;
   }
   out_.fileRemaining -= static_cast<std::uint32_t>(count);
+  server_.counters.bytesWritten += static_cast<std::uint32_t>(count);
   return out_.fileRemaining == 0;
 }
 

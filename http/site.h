@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "http/counters.h"
 #include "platform/web/servlet.h"
 
 // What a connection needs to know of the server it was accepted on. The server is one, and outlives all its
@@ -9,4 +10,5 @@
 struct Site {
   // In configuration order. Not owned; servlets live as long as the process.
   std::vector<Servlet*> servlets;
+  SiteCounters counters;
 };
