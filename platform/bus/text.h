@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -36,9 +37,29 @@ struct TextError {
 // escaped, so the text is one line that any terminal shows.
 [[nodiscard]] std::string writeText(const message& msg);
 
-// One line per field, nested messages indented below theirs, each line ended; all lines begin with `indent` spaces. The
-// header fields of the bus are named.
-[[nodiscard]] std::string writeTree(const message& msg, std::size_t indent = 0);
+// What the fields of a message are called.
+struct FieldNames;
+struct FieldName {
+  std::uint32_t key;  // type and number, as in the flattened form
+  std::string_view name;
+  const FieldNames* below = nullptr;  // the names in the messages of this field, when they are known
+};
+struct FieldNames {
+  std::span<const FieldName> fields;
+  // For a message that is one of several kinds, told apart by its object number: the names of object 0, 1 ...
+  std::span<const FieldNames* const> byObject{};
+
+  // The names that hold for this very message.
+  [[nodiscard]] const FieldNames& of(const message& msg) const;
+  [[nodiscard]] const FieldName* find(std::uint32_t key) const;  // null: no such field
+};
+
+// The name of a field: from `names`, when they are known, else that of a header field of the bus; else empty.
+[[nodiscard]] std::string_view fieldName(std::uint32_t key, const FieldNames* names);
+
+// One line per field, nested messages indented below theirs, each line ended; all lines begin with `indent` spaces.
+// Fields that have a name bear it behind their key.
+[[nodiscard]] std::string writeTree(const message& msg, std::size_t indent = 0, const FieldNames* names = nullptr);
 
 // A text of somebody else's as it can be shown: what a terminal would obey, and what is no UTF-8, is escaped as in a
 // string of the line form.

@@ -36,17 +36,12 @@ constexpr CommandName commandNames[] = {
     {command::shutdown, "shutdown"},
 };
 
-struct FieldName {
-  std::uint32_t key;
-  std::string_view name;
-};
-
 template <FieldType T>
 constexpr FieldName named(FieldId<T> id, std::string_view name) {
   return {static_cast<std::uint32_t>(T) | id.id, name};
 }
 
-constexpr FieldName fieldNames[] = {
+constexpr FieldName headerNames[] = {
     named(field::destination, "destination"),
     named(field::sender, "sender"),
     named(field::command, "command"),
@@ -78,16 +73,19 @@ std::string addressText(const Addr6& address) {
 // Writes the fields of one message; what does not fit behind a key stands in lines below it, indented.
 class TreeWriter {
  public:
-  TreeWriter(std::string& out, std::size_t indent) : out_(out), indent_(indent) {}
+  TreeWriter(std::string& out, std::size_t indent, const FieldNames* names)
+      : out_(out), indent_(indent), names_(names) {}
 
   void write(const message& msg) {
-    msg.forEach([this](const Field& field) {
+    const FieldNames* const names = names_ == nullptr ? nullptr : &names_->of(msg);
+    msg.forEach([&](const Field& field) {
       out_.append(indent_, ' ');
       appendKey(out_, field);
-      for (const FieldName& entry : fieldNames) {
-        if (entry.key == keyOf(field)) out_.append(" ").append(entry.name);
-      }
+      const std::string_view name = fieldName(keyOf(field), names);
+      if (!name.empty()) out_.append(" ").append(name);
       out_ += ':';
+      const FieldName* const entry = names == nullptr ? nullptr : names->find(keyOf(field));
+      below_ = entry == nullptr ? nullptr : entry->below;
       writeValue(field);
     });
   }
@@ -168,7 +166,7 @@ class TreeWriter {
   void writeNested(const message& msg) {
     if (msg.empty()) return endLine("{}");
     out_ += '\n';
-    TreeWriter(out_, indent_ + indentStep).write(msg);
+    TreeWriter(out_, indent_ + indentStep, below_).write(msg);
   }
 
   // Each element of a list behind its number, in lines of its own.
@@ -189,13 +187,32 @@ class TreeWriter {
 
   std::string& out_;
   std::size_t indent_;
+  const FieldNames* names_;
+  const FieldNames* below_ = nullptr;  // of the field that is being written
 };
 
 }  // namespace
 
-std::string writeTree(const message& msg, std::size_t indent) {
+const FieldNames& FieldNames::of(const message& msg) const {
+  const std::uint32_t object = msg.get(field::objectNumber).value_or(0);
+  return object < byObject.size() && byObject[object] != nullptr ? *byObject[object] : *this;
+}
+
+const FieldName* FieldNames::find(std::uint32_t key) const {
+  const auto found = std::ranges::find(fields, key, &FieldName::key);
+  return found == fields.end() ? nullptr : &*found;
+}
+
+std::string_view fieldName(std::uint32_t key, const FieldNames* names) {
+  const FieldName* const own = names == nullptr ? nullptr : names->find(key);
+  if (own != nullptr) return own->name;
+  const FieldName* const header = FieldNames{headerNames}.find(key);
+  return header == nullptr ? std::string_view() : header->name;
+}
+
+std::string writeTree(const message& msg, std::size_t indent, const FieldNames* names) {
   std::string out;
-  TreeWriter(out, indent).write(msg);
+  TreeWriter(out, indent, names).write(msg);
   return out;
 }
 

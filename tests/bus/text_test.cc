@@ -347,6 +347,26 @@ m1:
 )");
 }
 
+TEST(Tree, NamesTheFieldsOfAMessage) {
+  static constexpr tn::FieldName address[] = {{0x08000001, "address"}};
+  static constexpr tn::FieldNames addresses{address};
+  static constexpr tn::FieldName first[] = {{0x20000001, "title"}, {0xA8000006, "allowed", &addresses}};
+  static constexpr tn::FieldNames firstKind{first};
+  static constexpr const tn::FieldNames* kinds[] = {nullptr, &firstKind};
+  static constexpr tn::FieldName others[] = {{0x20000001, "name"}, {0x28000002, "inside", &addresses}};
+  static constexpr tn::FieldNames names{others, kinds};
+  const auto tree = [&](std::string_view text) {
+    message m;
+    EXPECT_FALSE(tn::readText(text, m));
+    return tn::writeTree(m, 0, &names);
+  };
+  EXPECT_EQ(tree("{s1:'x',s2:'y',m2:{u1:5,u2:6},uff0007:1}"),
+            "s1 name: 'x'\ns2: 'y'\nm2 inside:\n  u1 address: 5\n  u2: 6\nuff0007 command: 0x1\n");
+  EXPECT_EQ(tree("{ufe0001:1,s1:'x',M6:[{u1:5},{}]}"),
+            "ufe0001 object number: 1\ns1 title: 'x'\nM6 allowed:\n  [0]:\n    u1 address: 5\n  [1]: {}\n");
+  EXPECT_EQ(tree("{ufe0001:2,s1:'x',M6:[{u1:5}]}"), "ufe0001 object number: 2\ns1 name: 'x'\nM6:\n  [0]:\n    u1: 5\n");
+}
+
 TEST(Commands, HaveNames) {
   EXPECT_EQ(tn::commandNumber("get"), tn::command::get);
   EXPECT_EQ(tn::commandNumber("getAll"), tn::command::getAll);
