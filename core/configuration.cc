@@ -10,6 +10,7 @@
 #include "core/process_lifetime.h"
 #include "jsproxy/jsproxy_servlet.h"
 #include "platform/log.h"
+#include "platform/xml/www_document.h"
 #include "servlets/dir_servlet.h"
 #include "servlets/index_servlet.h"
 #include "servlets/remote_servlet.h"
@@ -17,21 +18,9 @@
 
 namespace {
 
-namespace element {
-constexpr xml::Id server = 169;
-constexpr xml::Id servlet = 154;
-}  // namespace element
-
-namespace attribute {
-constexpr xml::Id name = 2;
-constexpr xml::Id path = 7;
-constexpr xml::Id root = 28;
-constexpr xml::Id type = 38;
-constexpr xml::Id internal = 40;
-constexpr xml::Id target = 42;
-constexpr xml::Id ssl = 190;
-constexpr xml::Id cacheable = 283;
-}  // namespace attribute
+namespace attribute = xml::www::attribute;
+namespace element = xml::www::element;
+using xml::www::ServletKind;
 
 // The handler below the hotspot service that answers forwarded requests.
 constexpr std::array<std::uint32_t, 2> forwardTarget{63, 15};
@@ -75,7 +64,7 @@ class Builder {
 
  private:
   void buildServlet(ServerEntry& entry, const xml::Node& node);
-  Servlet* createServlet(std::string_view kind, const xml::Node& node);
+  Servlet* createServlet(ServletKind kind, const xml::Node& node);
   Servlet* sharedJsProxy();
 
   ServerMap& servers_;
@@ -93,7 +82,7 @@ void Builder::buildServer(const xml::Node& node) {
 
 void Builder::buildServlet(ServerEntry& entry, const xml::Node& node) {
   const std::string kind = textOf(node, attribute::type);
-  Servlet* servlet = createServlet(kind, node);
+  Servlet* servlet = createServlet(xml::www::servletKind(kind), node);
   if (servlet == nullptr) return;
   servlet->setPath(textOf(node, attribute::path));
   servlet->setBaseFlag(!boolOf(node, attribute::internal));
@@ -101,14 +90,23 @@ void Builder::buildServlet(ServerEntry& entry, const xml::Node& node) {
   logLine("adding servlet ", entry.ssl ? "ssl " : "", kind, ", path=", servlet->getPath());
 }
 
-Servlet* Builder::createServlet(std::string_view kind, const xml::Node& node) {
-  if (kind == "dir" || kind == "pubdir") {
-    return makeServlet<DirServlet>(textOf(node, attribute::root), kind == "pubdir", boolOf(node, attribute::cacheable));
+Servlet* Builder::createServlet(ServletKind kind, const xml::Node& node) {
+  switch (kind) {
+    case ServletKind::dir:
+    case ServletKind::pubdir:
+      return makeServlet<DirServlet>(textOf(node, attribute::root), kind == ServletKind::pubdir,
+                                     boolOf(node, attribute::cacheable));
+    case ServletKind::index:
+      return makeServlet<IndexServlet>();
+    case ServletKind::varnox:
+      return makeServlet<VarnoxServlet>();
+    case ServletKind::jsproxy:
+      return sharedJsProxy();
+    case ServletKind::remote:
+      return makeServlet<RemoteServlet>(numbersOf(node, attribute::target));
+    case ServletKind::unknown:
+      break;
   }
-  if (kind == "index") return makeServlet<IndexServlet>();
-  if (kind == "varnox") return makeServlet<VarnoxServlet>();
-  if (kind == "jsproxy") return sharedJsProxy();
-  if (kind == "remote") return makeServlet<RemoteServlet>(numbersOf(node, attribute::target));
   return nullptr;
 }
 

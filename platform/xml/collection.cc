@@ -29,28 +29,6 @@ struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
 
-// The names of the documents in a directory, sorted bytewise; nothing, and `expected` set, when it cannot be read.
-std::optional<std::vector<std::string>> listDocuments(const std::string& directory, std::string& expected) {
-  constexpr std::string_view wanted = "a readable directory";
-  const std::unique_ptr<DIR, CloseDirectory> stream(::opendir(directory.c_str()));
-  if (!stream) {
-    expected = unreadable(wanted, errno);
-    return std::nullopt;
-  }
-  std::vector<std::string> names;
-  errno = 0;  // the only way to tell the end from a failure
-  while (const dirent* entry = ::readdir(stream.get())) {
-    const std::string_view name = entry->d_name;
-    if (!name.starts_with('.') && name.ends_with(suffix)) names.emplace_back(name);
-  }
-  if (errno != 0) {
-    expected = unreadable(wanted, errno);
-    return std::nullopt;
-  }
-  std::ranges::sort(names);
-  return names;
-}
-
 // Opens a regular file. Whatever else bears the name is not waited for: without O_NONBLOCK a FIFO that nobody writes to
 // would hold up the start for ever. None, and `expected` set, when there is no such file.
 UniqueFd openRegular(const std::string& path, std::string& expected) {
@@ -93,33 +71,55 @@ std::optional<std::string> readFile(const std::string& path, std::string& expect
 
 }  // namespace
 
-DocumentCollection::DocumentCollection(const std::string& directory) {
-  std::string expected;
-  const auto names = listDocuments(directory, expected);
-  if (!names) {
-    errors_.push_back({directory, 0, 0, expected});
-    return;
+std::optional<std::vector<std::string>> listDocuments(const std::string& directory, ParseError& error) {
+  constexpr std::string_view wanted = "a readable directory";
+  const std::unique_ptr<DIR, CloseDirectory> stream(::opendir(directory.c_str()));
+  if (!stream) {
+    error = {directory, 0, 0, unreadable(wanted, errno)};
+    return std::nullopt;
   }
-  std::string path;
-  for (const std::string& name : *names) {
-    path.assign(directory).append("/").append(name);
-    readDocument(path);
+  std::vector<std::string> paths;
+  errno = 0;  // the only way to tell the end from a failure
+  while (const dirent* entry = ::readdir(stream.get())) {
+    const std::string_view name = entry->d_name;
+    if (name.starts_with('.') || !name.ends_with(suffix)) continue;
+    paths.emplace_back(directory).append("/").append(name);
   }
+  if (errno != 0) {
+    error = {directory, 0, 0, unreadable(wanted, errno)};
+    return std::nullopt;
+  }
+  std::ranges::sort(paths);
+  return paths;
 }
 
-void DocumentCollection::readDocument(const std::string& path) {
+std::optional<Node> readDocument(const std::string& path, ParseError& error) {
   std::string expected;
   const auto bytes = readFile(path, expected);
   if (!bytes) {
-    errors_.push_back({path, 0, 0, expected});
-    return;
+    error = {path, 0, 0, expected};
+    return std::nullopt;
   }
   Parser parser(path, *bytes);
   auto root = parser.parse();
-  if (root) {
-    roots_.push_back(std::make_unique<Node>(std::move(*root)));
-  } else {
-    errors_.push_back(parser.error());
+  if (!root) error = parser.error();
+  return root;
+}
+
+DocumentCollection::DocumentCollection(const std::string& directory) {
+  ParseError error{};
+  const auto paths = listDocuments(directory, error);
+  if (!paths) {
+    errors_.push_back(std::move(error));
+    return;
+  }
+  for (const std::string& path : *paths) {
+    auto root = readDocument(path, error);
+    if (root) {
+      roots_.push_back(std::make_unique<Node>(std::move(*root)));
+    } else {
+      errors_.push_back(error);
+    }
   }
 }
 

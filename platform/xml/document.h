@@ -13,11 +13,18 @@ namespace xml {
 // Elements and attributes are known by number; 0 is any name that has none. The table is in docs/configuration.md.
 using Id = std::uint32_t;
 
+// A place in a document: line and column from 1, the column in bytes; a byte order mark counts for nothing.
+struct Position {
+  unsigned line = 1;
+  unsigned column = 1;
+};
+
 class Attribute {
  public:
   [[nodiscard]] Id id() const { return id_; }
   [[nodiscard]] std::string_view name() const { return name_; }
   [[nodiscard]] std::string_view text() const { return text_; }
+  [[nodiscard]] const Position& position() const { return position_; }  // of its name
   // bool: yes/no, true/false, 1/0. std::vector<std::uint32_t>: decimal numbers separated by commas. Nothing for any
   // other text.
   template <typename T>
@@ -28,6 +35,7 @@ class Attribute {
   Id id_ = 0;
   std::string name_;
   std::string text_;
+  Position position_;
 };
 
 template <>
@@ -59,11 +67,13 @@ class Node {
   [[nodiscard]] const Node* find(Id id) const;                   // first child element of that id, or null
   [[nodiscard]] const std::vector<Node>& children() const {
     return children_;
-  }  // all child elements, in document order
+  }                                                                     // all child elements, in document order
+  [[nodiscard]] const Position& position() const { return position_; }  // of the "<" that begins it
 
  private:
   friend class Parser;
   Id id_ = 0;
+  Position position_;
   std::string name_;
   AttributeList attributes_;
   std::string text_;
@@ -98,8 +108,15 @@ struct ParseError {
   [[nodiscard]] std::string text() const;
 };
 
-// All documents "*.xml" of a directory, sorted by name bytewise; names that begin with a dot do not count. A document
-// that cannot be read is left out and reported; the others stand. A directory that cannot be read is reported likewise.
+// The paths of all documents "*.xml" of a directory, sorted by name bytewise; names that begin with a dot do not count.
+// Nothing, and `error` set, when the directory cannot be read.
+[[nodiscard]] std::optional<std::vector<std::string>> listDocuments(const std::string& directory, ParseError& error);
+
+// The root element of one document; nothing, and `error` set, when it cannot be read.
+[[nodiscard]] std::optional<Node> readDocument(const std::string& path, ParseError& error);
+
+// All documents of a directory. One that cannot be read is left out and reported; the others stand. A directory that
+// cannot be read is reported likewise.
 class DocumentCollection {
  public:
   explicit DocumentCollection(const std::string& directory);
@@ -107,8 +124,6 @@ class DocumentCollection {
   [[nodiscard]] const std::vector<ParseError>& errors() const { return errors_; }
 
  private:
-  void readDocument(const std::string& path);
-
   std::vector<std::unique_ptr<Node>> roots_;
   std::vector<ParseError> errors_;
 };

@@ -4,14 +4,9 @@
 #include <string_view>
 
 #include "platform/xml/characters.h"
+#include "platform/xml/document.h"
 
 namespace xml {
-
-// A place in a document: line and column from 1, the column in bytes; a byte order mark counts for nothing.
-struct Position {
-  unsigned line = 1;
-  unsigned column = 1;
-};
 
 // What the bytes at the front of the input are.
 enum class Fault { none, end, notUtf8, notXml, notAscii };

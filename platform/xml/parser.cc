@@ -96,6 +96,7 @@ bool Parser::startTag() {
   ++elements_;
   input_.skip(1);
   Node& node = open_.emplace_back();
+  node.position_ = start;
   if (!name(node.name_)) return false;
   node.id_ = idOf(node.name_);
   while (true) {
@@ -115,6 +116,7 @@ bool Parser::attribute(AttributeList& list) {
   if (!isNameStart(first.code)) return fail(R"(an attribute, "/>" or ">")");
   if (list.size() == limit::attributes) return failAt(start, atMost(limit::attributes, " attributes"));
   Attribute added;
+  added.position_ = start;
   if (!name(added.name_)) return false;
   if (list.find(std::string_view(added.name_)) != nullptr) {
     return failAt(start, "each attribute once, not another \"" + added.name_ + '"');

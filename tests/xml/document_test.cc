@@ -122,6 +122,20 @@ TEST(Node, FindsTheFirstChildOfAnId) {
   EXPECT_EQ(root.children().size(), 3U);
 }
 
+TEST(Node, KnowsWhereItStands) {
+  const xml::Node root = read("<www>\n  <server name='a'\n    ssl='yes'><x/></server>\n</www>");
+  EXPECT_EQ(root.position().line, 1U);
+  EXPECT_EQ(root.position().column, 1U);
+  const xml::Node& server = root.children().at(0);
+  EXPECT_EQ(server.position().line, 2U);
+  EXPECT_EQ(server.position().column, 3U);
+  EXPECT_EQ(server.attributes().find(2)->position().line, 2U);
+  EXPECT_EQ(server.attributes().find(2)->position().column, 11U);
+  EXPECT_EQ(server.attributes().find(190)->position().line, 3U);
+  EXPECT_EQ(server.attributes().find(190)->position().column, 5U);
+  EXPECT_EQ(server.children().at(0).position().column, 15U);
+}
+
 TEST(ParseError, TextNamesThePlace) {
   EXPECT_EQ((xml::ParseError{"a.xml", 3, 15, "a name"}).text(), "a.xml:3:15: expected a name");
   EXPECT_EQ((xml::ParseError{"a.xml", 0, 0, "a regular file"}).text(), "a.xml: expected a regular file");
