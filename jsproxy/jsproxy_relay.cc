@@ -92,6 +92,7 @@ void JsProxyServlet::onLoginReply(std::uint32_t id, const tn::message& browser, 
     return refuse(response, 500);
   }
   session->loggedIn = true;
+  session->loginTime = tn::getRunner()->timers().now();
   session->user = textOf(browser, login_field::user);
   session->loginNumber = reply.get(login_field::number).value_or(0);
   session->policies = reply.get(login_field::policies).value_or(0);

@@ -19,6 +19,7 @@ constexpr std::uint32_t firstId = 1;
 JsProxyServlet::JsProxyServlet() : Servlet("GET, HEAD, POST") {
   armTimer(expireEveryMs, firstId);
   tn::getLooper()->addHandler(busHandlerId, *this);
+  tn::getLooper()->addHandler(SessionHandler::busHandlerId, sessionHandler_);
 }
 
 JsProxyServlet::~JsProxyServlet() {
@@ -38,6 +39,13 @@ JsSession* JsProxyServlet::findSession(std::uint32_t id) {
 JsSession& JsProxyServlet::createSession(const IPAddr6& client, const SessionKeys& keys) {
   const std::uint32_t id = ids_.allocate().value_or(0);
   return sessions_.try_emplace(id, id, client, keys, secondsNow()).first->second;
+}
+
+bool JsProxyServlet::endSession(std::uint32_t id) {
+  JsSession* const session = findSession(id);
+  if (session == nullptr || !session->loggedIn) return false;
+  destroySession(*session);
+  return true;
 }
 
 void JsProxyServlet::destroySession(JsSession& session) {

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "jsproxy/session.h"
+#include "jsproxy/session_handler.h"
 #include "platform/bus/allocator.h"
 #include "platform/bus/handler.h"
 #include "platform/bus/thin_runner.h"
@@ -18,10 +19,10 @@
 // that wants it. docs/tunnel.md describes what travels.
 //
 // Who owns what, and what ends it
-// - A session is owned by the table here. It ends by its browser's word, by a refused login, or by time
-//   (expireSessions); nothing else holds a pointer to it over a turn of the loop. Whoever waits for something keeps the
-//   session's number instead and looks it up again: a session that ended under a relay or a login is simply not found,
-//   and its request is answered 500.
+// - A session is owned by the table here. It ends by its browser's word or that of somebody who may say so
+//   (SessionHandler), by a refused login, or by time (expireSessions); nothing else holds a pointer to it over a turn
+//   of the loop. Whoever waits for something keeps the session's number instead and looks it up again: a session that
+//   ended under a relay or a login is simply not found, and its request is answered 500.
 // - A request that waits is owned by its connection, which keeps request and response valid until the answer is
 //   complete or `request.onRequestEnd` has run. That callable cancels the post, or takes the poll out of its session's
 //   list; it finds nothing to do when the answer came first. So exactly one of the two happens, however late, often or
@@ -43,7 +44,8 @@ class JsProxyServlet : public Servlet, public tn::Handler {
   // Sessions that the timer looks at in one turn of the loop; with more it goes on in the next.
   static constexpr std::size_t sessionsPerTurn = 512;
 
-  // Registers itself with the process's looper, which must be there and outlive it, and arms the session timer.
+  // Registers itself and its handler of sessions with the process's looper, which must be there and outlive it, and
+  // arms the session timer.
   JsProxyServlet();
   JsProxyServlet(const JsProxyServlet&) = delete;
   JsProxyServlet& operator=(const JsProxyServlet&) = delete;
@@ -61,8 +63,12 @@ class JsProxyServlet : public Servlet, public tn::Handler {
   void handle(tn::message& msg) override;
 
   [[nodiscard]] std::size_t sessionCount() const { return sessions_.size(); }
+  // By number, those that have not logged in among them.
+  [[nodiscard]] const std::map<std::uint32_t, JsSession>& sessions() const { return sessions_; }
   // Null: there is none. The pointer dies with the session, at the latest when control returns to the loop.
   [[nodiscard]] JsSession* findSession(std::uint32_t id);
+  // Ends a session as its browser would. False: nobody is logged in with that number.
+  bool endSession(std::uint32_t id);
 
  private:
   // jsproxy_servlet.cc: the table
@@ -94,6 +100,7 @@ class JsProxyServlet : public Servlet, public tn::Handler {
   void forgetPoll(std::uint32_t id, std::uint64_t ticket);
   void endSession(JsSession& session, Form form, Response& response);
 
+  SessionHandler sessionHandler_{*this};
   std::map<std::uint32_t, JsSession> sessions_;
   tn::Allocator ids_{1, 0xFFFFFFFE};  // 0 marks a key exchange
   tn::ThinRunner::TimerHandle timer_ = 0;

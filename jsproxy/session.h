@@ -7,6 +7,7 @@
 #include "jsproxy/receive_window.h"
 #include "jsproxy/session_crypto.h"
 #include "platform/bus/message.h"
+#include "platform/bus/timer.h"
 #include "platform/web/ip_addr6.h"
 
 class Response;
@@ -32,6 +33,7 @@ struct JsSession {
   const IPAddr6 clientAddress;
   bool loggedIn = false;
   std::string user;
+  tn::Clock::time_point loginTime{};  // once logged in
   std::uint32_t loginNumber = noLogin;
   std::uint32_t policies = 0;
   std::string loginText;       // names the session's skin
