@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <expected>
 #include <fcntl.h>
@@ -14,6 +15,7 @@
 #include "platform/log.h"
 #include "platform/unique_fd.h"
 #include "services/supervisor/enquiry.h"
+#include "services/supervisor/notifier.h"
 #include "services/supervisor/processes.h"
 #include "services/supervisor/program_list.h"
 #include "services/supervisor/supervisor.h"
@@ -25,6 +27,7 @@ namespace {
 constexpr char listPath[] = "/tarn/etc/programs";
 constexpr std::size_t maxListBytes = 64U << 10U;
 constexpr std::string_view brokerName = "busd";
+constexpr std::uint32_t notifierId = 3;  // its place as a handler; nobody has anything to say to it
 
 std::optional<std::string> readList() {
   const UniqueFd file(open(listPath, O_RDONLY | O_CLOEXEC));
@@ -41,6 +44,12 @@ std::optional<std::string> readList() {
   return text;
 }
 
+bool isLeftOut(const tnrun::Program& program) {
+  if (!program.optional || access(program.path.c_str(), F_OK) == 0 || errno != ENOENT) return false;
+  logLine("tnrun: ", program.name, " is not installed");
+  return true;
+}
+
 std::optional<std::vector<tnrun::Program>> readPrograms() {
   const std::optional<std::string> text = readList();
   if (!text) {
@@ -52,6 +61,7 @@ std::optional<std::vector<tnrun::Program>> readPrograms() {
     logLine(listPath, ":", NumberText(programs.error().line), ": ", programs.error().reason);
     return std::nullopt;
   }
+  std::erase_if(*programs, isLeftOut);
   return std::move(*programs);
 }
 
@@ -74,12 +84,15 @@ void reapChildren(tnrun::Supervisor& supervisor) {
   }
 }
 
-void onSignals(int fd, tnrun::Supervisor& supervisor) {
+void onSignals(int fd, tnrun::Supervisor& supervisor, tnrun::Notifier& notifier) {
   signalfd_siginfo info{};
   bool stop = false;
   while (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
     stop |= info.ssi_signo != SIGCHLD;
-  if (stop) supervisor.stop();
+  if (stop) {
+    notifier.stopping();
+    supervisor.stop();
+  }
   // One SIGCHLD may stand for many children.
   reapChildren(supervisor);
 }
@@ -93,10 +106,13 @@ int supervise(const std::vector<tnrun::Program>& programs, std::size_t broker) {
   tn::Looper::Tuning tuning{};
   tuning.stopSignals = 1;
   tn::Looper looper(tuning);
+  tnrun::Notifier notifier(tnrun::Notifier::takeWishes(), looper.runner().timers());
+  looper.addHandler(notifierId, notifier);
   tnrun::RealProcesses processes;
   tnrun::BusEnquiry enquiry(looper, programs, broker);
   tnrun::Supervisor supervisor(programs, broker, looper.runner(), processes, enquiry, [&looper] { looper.quit(); });
-  looper.runner().addSocket(signals.get(), tn::readable, [&](int fd, unsigned) { onSignals(fd, supervisor); });
+  looper.runner().addSocket(signals.get(), tn::readable,
+                            [&](int fd, unsigned) { onSignals(fd, supervisor, notifier); });
   supervisor.start();
   looper.run();
   looper.runner().removeSocket(signals.get());

@@ -55,9 +55,11 @@ std::expected<std::vector<Program>, ListError> parseProgramList(std::string_view
     std::string_view line = takeLine(text);
     const std::string_view name = takeWord(line);
     if (name.empty() || name.starts_with('#')) continue;
-    const std::string_view path = takeWord(line);
+    std::string_view path = takeWord(line);
+    const bool optional = path.starts_with('-');
+    if (optional) path.remove_prefix(1);
     if (const auto reason = fault(list, name, path, takeWord(line))) return std::unexpected(ListError{number, *reason});
-    list.push_back({std::string(name), std::string(path)});
+    list.push_back({std::string(name), std::string(path), optional});
   }
   return list;
 }

@@ -114,6 +114,14 @@ class List(harness.SystemTest):
         self.system.wait_for_line(
             "tnrun", "tnrun: lost cannot be started (No such file or directory), starting again in 400 ms")
 
+    def test_a_program_that_is_optional_may_be_missing(self):
+        self.system.write("/tarn/etc/programs", "busd /bin/busd\nlost -/bin/lost\nwww -/bin/www\n")
+        self.system.start("tnrun")
+        harness.wait_until(lambda: " www" in self.system.tn("list").stdout, "the server to join the bus")
+        self.system.wait_for_line("tnrun", "tnrun: lost is not installed")
+        self.system.stop("tnrun")
+        self.assertFalse([line for line in self.system.lines("tnrun") if "lost cannot" in line])
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -29,6 +29,15 @@ TEST(ProgramList, LeavesOutEmptyLinesAndComments) {
   EXPECT_EQ(*list, (List{{"busd", "/bin/busd"}}));
 }
 
+TEST(ProgramList, ADashBeforeThePathMakesItOptional) {
+  const auto list = parseProgramList("busd /bin/busd\nuserd -/bin/userd\n");
+  ASSERT_TRUE(list.has_value());
+  EXPECT_EQ(*list, (List{{"busd", "/bin/busd", false}, {"userd", "/bin/userd", true}}));
+  expectRefused("busd -bin/busd\n", 1, "a path begins with \"/\"");
+  expectRefused("busd --/bin/busd\n", 1, "a path begins with \"/\"");
+  expectRefused("busd -\n", 1, "the path is missing");
+}
+
 TEST(ProgramList, TheLastLineNeedsNoEnd) {
   const auto list = parseProgramList("busd /bin/busd");
   ASSERT_TRUE(list.has_value());
