@@ -18,7 +18,7 @@ endif()
 function(tarn_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
   add_library(${name} STATIC ${arg_SOURCES})
-  target_link_libraries(${name} PUBLIC tarn_options ${arg_LINK})
+  target_link_libraries(${name} PUBLIC $<BUILD_INTERFACE:tarn_options> ${arg_LINK})
 endfunction()
 
 # tarn_program(name SOURCES ... LINK ...): a program of the image. It is linked whole, so that it starts in an image
