@@ -7,6 +7,7 @@ target_compile_options(tarn_options INTERFACE
 target_compile_definitions(tarn_options INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_include_directories(tarn_options INTERFACE ${CMAKE_SOURCE_DIR})
 target_link_options(tarn_options INTERFACE -Wl,--gc-sections)
+include(SharedRuntime)
 if(TARN_SANITIZE)
   # The check of virtual tables opens a pipe to look at memory, and reports a fault where tests take all descriptors away.
   target_compile_options(tarn_options INTERFACE -fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all
@@ -27,7 +28,7 @@ function(tarn_program name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${arg_SOURCES} ${CMAKE_SOURCE_DIR}/platform/terminate.cc)
   target_link_libraries(${name} PRIVATE tarn_options ${arg_LINK})
-  if(NOT TARN_SANITIZE)
+  if(NOT TARN_SANITIZE AND NOT TARN_SHARED_RUNTIME)
     target_link_options(${name} PRIVATE -static)
   endif()
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)

@@ -10,15 +10,14 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
+#include "bench/bus/bus_clock.h"
 #include "bench/bus/bus_socket.h"
 #include "platform/bus/frame.h"
 
@@ -45,22 +44,6 @@ std::uint32_t join(int socket) {
   constexpr std::size_t idAt = 2 + 5 + 4;
   if (answer.size() != idAt + 4) fail("the broker's answer");
   return loadLe32(answer.data() + idAt);
-}
-
-double seconds(const timespec& time) {
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-double clockSeconds(clockid_t clock) {
-  timespec now{};
-  if (clock_gettime(clock, &now) != 0) fail("clock_gettime");
-  return seconds(now);
-}
-
-clockid_t processorClockOf(pid_t process) {
-  clockid_t clock = 0;
-  if (clock_getcpuclockid(process, &clock) != 0) fail("clock_getcpuclockid");
-  return clock;
 }
 
 pid_t peerOf(int socket) {
@@ -117,17 +100,9 @@ class Requester {
 void measure(const UniqueFd& socket, const Load& load, std::uint32_t peer, pid_t echoer) {
   Requester requester(socket.get(), load, peer);
   requester.run(warmUpTrips);
-  const std::array<clockid_t, 4> clocks = {CLOCK_MONOTONIC, processorClockOf(peerOf(socket.get())),
-                                           processorClockOf(echoer), CLOCK_PROCESS_CPUTIME_ID};
-  std::array<double, 4> spent{};
-  for (std::size_t i = 0; i < clocks.size(); ++i)
-    spent[i] = -clockSeconds(clocks[i]);
+  const Spending spending(peerOf(socket.get()), echoer);
   requester.run(load.roundTrips);
-  for (std::size_t i = 0; i < clocks.size(); ++i)
-    spent[i] += clockSeconds(clocks[i]);
-  const double trips = load.roundTrips;
-  std::printf("%.0f %.3f %.3f\n", trips / spent[0], spent[1] / trips * 1e6,
-              (spent[1] + spent[2] + spent[3]) / trips * 1e6);
+  spending.print(load.roundTrips);
 }
 
 }  // namespace

@@ -1,15 +1,14 @@
 #!/usr/bin/env python3
 """www beside nginx, lighttpd, h2o and a bare read-and-write loop: the same tree, the same load, one run, interleaved.
 
-  run.py --build DIR [--seconds S] [--rounds N] [--cores same|separate|both] [--json FILE]
+  run.py --build DIR [--seconds S] [--rounds N] [--cores same|separate|both] [--case TEXT] [--json FILE]
 
-Printed for each case: requests a second, processor microseconds a request of the server's process, the 99th percentile
-of the latency, resident memory after the load, and the ratio of the processor time to nginx's. Each figure is the
-median of the rounds.
+Printed for each case: requests a second, processor microseconds a request of the server's process and the spread of this
+figure over the rounds, the 99th percentile of the latency, resident memory after the load, and the processor time of www as
+a ratio of each server's, round by round. Each figure is the median of the rounds.
 """
 
 import argparse
-import json
 import pathlib
 import re
 import statistics
@@ -17,15 +16,20 @@ import subprocess
 import sys
 import tempfile
 
-import servers
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+import figures  # noqa: E402
+import servers  # noqa: E402
 
 CASES = [
     # name, file, bytes, connections, keep-alive
-    ("1 KB keep-alive", "1k.bin", 1024, 50, True),
-    ("12 KB keep-alive", "12k.bin", 12288, 50, True),
-    ("1 MB keep-alive", "1m.bin", 1 << 20, 8, True),
-    ("1 KB connection per request", "1k.bin", 1024, 50, False),
+    ("1k-keep", "1k.bin", 1024, 50, True),
+    ("12k-keep", "12k.bin", 12288, 50, True),
+    ("1m-keep", "1m.bin", 1 << 20, 8, True),
+    ("1k-close", "1k.bin", 1024, 50, False),
 ]
+METRICS = {"rate": ("rate", "1/s"), "cpu_us": ("processor-time", "us"), "p99_us": ("latency-p99", "us"),
+           "rss_kib": ("resident", "KiB")}
 
 UNITS = {"us": 1.0, "ms": 1e3, "s": 1e6}
 
@@ -95,17 +99,19 @@ def measure(case, build, seconds, rounds, cores):
                     samples[server.name].append(load(server, case, seconds, load_cpu))
         finally:
             stop_all(started)
-    return {name: {key: statistics.median(s[key] for s in list_) for key in list_[0]}
-            for name, list_ in samples.items()}
+    return samples
 
 
-def show(title, result):
+def show(title, samples):
     print(f"\n{title}")
-    print(f"  {'server':<10} {'req/s':>9} {'cpu us/req':>11} {'of nginx':>9} {'p99 us':>9} {'RSS KiB':>8}")
-    base = result["nginx"]["cpu_us"]
-    for name, r in result.items():
-        print(f"  {name:<10} {r['rate']:>9.0f} {r['cpu_us']:>11.2f} {r['cpu_us'] / base:>9.2f} {r['p99_us']:>9.0f}"
-              f" {r['rss_kib']:>8.0f}")
+    print(f"  {'server':<10} {'req/s':>9} {'cpu us/req':>11} {'spread':>7} {'www / it':>9} {'p99 us':>9} {'RSS KiB':>8}")
+    own = [s["cpu_us"] for s in samples["www"]]
+    for name, list_ in samples.items():
+        r = {key: statistics.median(s[key] for s in list_) for key in list_[0]}
+        theirs = [s["cpu_us"] for s in list_]
+        ratio = statistics.median(x / y for x, y in zip(own, theirs))
+        print(f"  {name:<10} {r['rate']:>9.0f} {r['cpu_us']:>11.2f} {figures.spread(theirs):>7.2f} {ratio:>9.2f}"
+              f" {r['p99_us']:>9.0f} {r['rss_kib']:>8.0f}")
     sys.stdout.flush()
 
 
@@ -118,17 +124,17 @@ def main():
     parser.add_argument("--case", help="only the cases whose name holds this text")
     parser.add_argument("--json", type=pathlib.Path)
     options = parser.parse_args()
-    lines = []
+    out = figures.Recorder(options.json)
     for cores in ("same", "separate") if options.cores == "both" else (options.cores,):
         for case in CASES:
             if options.case and options.case not in case[0]:
                 continue
-            result = measure(case, options.build.resolve(), options.seconds, options.rounds, cores)
-            show(f"{case[0]}, {case[3]} connections, server and load on {'one core' if cores == 'same' else 'two cores'}",
-                 result)
-            lines += [{"case": case[0], "cores": cores, "server": name, **r} for name, r in result.items()]
-    if options.json:
-        options.json.write_text("".join(json.dumps(line) + "\n" for line in lines))
+            samples = measure(case, options.build.resolve(), options.seconds, options.rounds, cores)
+            place = "one-core" if cores == "same" else "two-cores"
+            show(f"{case[0]}, {case[3]} connections, {place}", samples)
+            for name, list_ in samples.items():
+                for key, (metric, unit) in METRICS.items():
+                    out.add(f"http/{case[0]}/{place}", metric, unit, name, [s[key] for s in list_])
 
 
 if __name__ == "__main__":

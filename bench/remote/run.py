@@ -11,17 +11,17 @@ processor time of www for each request.
 """
 
 import argparse
-import json
 import os
 import pathlib
 import shutil
-import statistics
 import subprocess
 import sys
 import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "http"))
+sys.dont_write_bytecode = True
+sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[1] / name) for name in ("http", "")]
+import figures  # noqa: E402
 import servers  # noqa: E402
 
 KINDS = ("bus", "bare", "www")
@@ -71,7 +71,7 @@ def main():
     parser.add_argument("--build", default="build/bench", type=pathlib.Path, help="folder of the build (TARN_BENCH=ON)")
     parser.add_argument("--rounds", default=5, type=int)
     parser.add_argument("--core", default=max(os.sched_getaffinity(0)), type=int)
-    parser.add_argument("--json", type=pathlib.Path, help="machine-readable lines; beside the build when not given")
+    parser.add_argument("--json", type=pathlib.Path)
     options = parser.parse_args()
     build = options.build.resolve()
     samples = {(kind, case): [] for kind in KINDS for case in CASES}
@@ -84,15 +84,14 @@ def main():
                         samples[kind, case].append(system.round(kind, *case))
         finally:
             system.stop()
-    with open(options.json or build / "remote.jsonl", "w", encoding="utf-8") as out:
-        print(f"{'outstanding':>11} {'bus/s':>8} {'bare/s':>8} {'www/s':>8} {'www/bus':>8} {'www/both':>9} {'www us':>7}")
-        for case in CASES:
-            bus, bare, www = (statistics.median(rate for rate, _ in samples[kind, case]) for kind in KINDS)
-            spent = statistics.median(spent for _, spent in samples["www", case])
-            both = 1 / (1 / bus + 1 / bare)
-            print(f"{case[0]:11} {bus:8.0f} {bare:8.0f} {www:8.0f} {www / bus:8.2f} {www / both:9.2f} {spent:7.2f}")
-            line = {"bench": "remote", "outstanding": case[0], "bus": bus, "bare": bare, "www": www, "www_us": spent}
-            out.write(json.dumps(line) + "\n")
+    out = figures.Recorder(options.json)
+    print(f"{'outstanding':>11} {'bus/s':>8} {'bare/s':>8} {'www/s':>8} {'www/bus':>8} {'www/both':>9} {'www us':>7}")
+    for case in CASES:
+        bus, bare, www = (out.add(f"remote/{case[0]}", "rate", "1/s", kind, [rate for rate, _ in samples[kind, case]])
+                          for kind in KINDS)
+        spent = out.add(f"remote/{case[0]}", "processor-time", "us", "www", [spent for _, spent in samples["www", case]])
+        both = 1 / (1 / bus + 1 / bare)
+        print(f"{case[0]:11} {bus:8.0f} {bare:8.0f} {www:8.0f} {www / bus:8.2f} {www / both:9.2f} {spent:7.2f}")
 
 
 if __name__ == "__main__":

@@ -10,23 +10,24 @@ rounds.
 """
 
 import argparse
-import json
 import pathlib
 import statistics
 import subprocess
 import sys
 import tempfile
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "http"))
+sys.dont_write_bytecode = True
+sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[1] / name) for name in ("http", "")]
+import figures  # noqa: E402
 import servers  # noqa: E402
 from servers import tarnbus  # noqa: E402
 
 CASES = [
-    # title, file, bytes, connections, kept alive, bytes of one unit (None: an answer is one)
-    ("full handshakes, 1 KB each", "1k.bin", 1024, 16, False, None),
-    ("12 KB, kept alive", "12k.bin", 12288, 16, True, None),
-    ("bulk, 16 MB files, one at a time", "16m.bin", 16 << 20, 1, True, 1 << 20),
-    ("bulk, 16 MB files", "16m.bin", 16 << 20, 8, True, 1 << 20),
+    # title, file, bytes, connections, kept alive, bytes of one unit (None: an answer is one), name among the figures
+    ("full handshakes, 1 KB each", "1k.bin", 1024, 16, False, None, "handshake-1k"),
+    ("12 KB, kept alive", "12k.bin", 12288, 16, True, None, "12k-keep"),
+    ("bulk, 16 MB files, one at a time", "16m.bin", 16 << 20, 1, True, 1 << 20, "16m-1"),
+    ("bulk, 16 MB files", "16m.bin", 16 << 20, 8, True, 1 << 20, "16m-8"),
 ]
 
 NGINX = """
@@ -52,7 +53,7 @@ SERVER = """<?xml version="1.0" encoding="UTF-8"?>
 
 
 def make_tree(folder):
-    for _, name, size, _, _, _ in CASES:
+    for _, name, size, *_ in CASES:
         (folder / name).write_bytes(bytes(i * 31 % 251 for i in range(1024)) * (size // 1024))
 
 
@@ -113,7 +114,7 @@ def start_nginx(work, tree, root, cpu):
 
 
 def load(server, case, build, seconds, cpu):
-    _, name, _, connections, keep, unit = case
+    _, name, _, connections, keep, unit, _ = case
     before = servers.processor_ns(server.pids)
     text = subprocess.run(["taskset", "-c", str(cpu), build / "bin/tls_load", str(server.port), f"/{name}",
                            str(connections), str(seconds), "keep" if keep else "new"], check=True, capture_output=True,
@@ -136,9 +137,9 @@ def show(title, unit, result):
     sys.stdout.flush()
 
 
-def measure(options, cores):
+def measure(options, cores, out):
     server_cpu, load_cpu = (0, 0) if cores == "same" else (0, 1)
-    lines, started = [], []
+    started = []
     with tempfile.TemporaryDirectory(prefix="tarn-bench-") as name:
         work = pathlib.Path(name)
         work.chmod(0o755)
@@ -163,12 +164,15 @@ def measure(options, cores):
                           for key, list_ in samples.items()}
                 title = f"{case[0]}, connections: {case[3]}, load on {'the same' if cores == 'same' else 'the other'} core"
                 show(title, "answer" if case[5] is None else "MB", result)
-                lines += [{"case": case[0], "cores": cores, "server": key, **r} for key, r in result.items()]
+                place = "one-core" if cores == "same" else "two-cores"
+                for key, list_ in samples.items():
+                    for what, metric, unit in (("rate", "rate", "1/s"), ("cpu_us", "processor-time", "us")):
+                        unit = unit if case[5] is None else {"1/s": "MB/s", "us": "us/MB"}[unit]
+                        out.add(f"tls/{case[6]}/{place}", metric, unit, key, [s[what] for s in list_])
             print(f"\n  {way(root)}")
         finally:
             for server in started:
                 server.stop()
-    return lines
 
 
 def main():
@@ -180,11 +184,9 @@ def main():
     parser.add_argument("--case", help="only the cases whose name holds this text")
     parser.add_argument("--json", type=pathlib.Path)
     options = parser.parse_args()
-    lines = []
+    out = figures.Recorder(options.json)
     for cores in ("separate", "same") if options.cores == "both" else (options.cores,):
-        lines += measure(options, cores)
-    if options.json:
-        options.json.write_text("".join(json.dumps(line) + "\n" for line in lines))
+        measure(options, cores, out)
 
 
 if __name__ == "__main__":

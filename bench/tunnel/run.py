@@ -11,7 +11,6 @@ that of the server at its most.
 """
 
 import argparse
-import json
 import os
 import pathlib
 import resource
@@ -22,7 +21,9 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "http"))
+sys.dont_write_bytecode = True
+sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[1] / name) for name in ("http", "")]
+import figures  # noqa: E402
 import servers  # noqa: E402
 
 CONFIGURATION = """<?xml version="1.0" encoding="UTF-8"?>
@@ -38,15 +39,15 @@ SESSIONS = 10000
 class Bench:
     def __init__(self, options, work):
         self.build, self.core, self.rounds, self.work = options.build.resolve(), options.core, options.rounds, work
-        self.lines = []
+        self.out = figures.Recorder(options.json)
 
     def run(self, program, *arguments, core=None):
         core = self.core if core is None else core
         command = ["taskset", "-c", str(core), self.build / "bin" / program, *map(str, arguments)]
         return subprocess.run(command, stdout=subprocess.PIPE, check=True, text=True).stdout
 
-    def note(self, **figures):
-        self.lines.append({"bench": "tunnel", **figures})
+    def note(self, case, metric, unit, samples, peer="www"):
+        self.out.add(f"tunnel/{case}", metric, unit, peer, samples)
 
     # What it is made of
 
@@ -59,14 +60,19 @@ class Bench:
                 print(f"a message of {own:.0f} bytes, {other:.0f} as text:")
                 continue
             print(f"{name:22} {own:10.1f} " + (f"{other:10.1f} {own / other:6.2f}" if other else ""))
-            self.note(part=name, own=own, openssl=other or None)
+            # The program has taken the best of the rounds already.
+            unit = "1/s" if name.startswith("key") else "MB/s"
+            self.note(name, "rate", unit, [own])
+            if other:
+                self.note(name, "rate", unit, [other], "openssl")
 
     def sessions(self):
         runs = [self.run("tunnel_sessions", SESSIONS).split() for _ in range(self.rounds)]
         memory, look, longest, turns = (statistics.median(float(run[i]) for run in runs) for i in range(4))
         print(f"{SESSIONS} sessions: {memory:.0f} bytes each beside the ciphers; looking at all takes {look:.2f} ms, ending "
               f"all {turns:.0f} turns of the loop, the longest {longest:.2f} ms")
-        self.note(sessions=SESSIONS, bytes_each=memory, look_ms=look, longest_turn_ms=longest, turns=turns)
+        for i, (metric, unit) in enumerate((("memory-each", "bytes"), ("look-at-all", "ms"), ("longest-turn", "ms"), ("turns", "1"))):
+            self.note(f"sessions-{SESSIONS}", metric, unit, [float(run[i]) for run in runs])
 
     # Calls
 
@@ -122,7 +128,9 @@ class Bench:
             [statistics.median(sample[i] for sample in samples[kind]) for i in (0, 1)] for kind in ("calls", "bare"))
         print(f"relayed calls, {CONNECTIONS} connections: {rate:.0f}/s, {spent:.2f} us of all processes; bare chain "
               f"{bare_rate:.0f}/s, {bare_spent:.2f} us; ratio {spent / bare_spent:.2f}")
-        self.note(calls_per_second=rate, calls_us=spent, bare_per_second=bare_rate, bare_us=bare_spent)
+        for i, (metric, unit) in enumerate((("rate", "1/s"), ("processor-time", "us"))):
+            for kind, peer in (("calls", "www"), ("bare", "bare chain")):
+                self.note("calls", metric, unit, [sample[i] for sample in samples[kind]], peer)
 
     # Files
 
@@ -160,13 +168,15 @@ class Bench:
                           if line.startswith("VmHWM:"))
         finally:
             self.stop(self.processes)
+        self.note(f"file-{FILE_MB}m", "resident-at-most", "KiB", [int(memory)])
         print(f"a file of {FILE_MB} MiB; the server held {memory} KiB at most")
         middle = {mode: [statistics.median(value[i] for value in values) for i in (0, 1)] for mode, values in samples.items()}
         print(f"  {'':7} {'MB/s':>6} {'/ 4k':>5} {'/ 1M':>5} {'ms':>7}")
         for mode, (rate, spent) in middle.items():
             small, large = (rate / middle[name][0] for name in ("dd 4k", "dd 1M"))
             print(f"  {mode:7} {rate:6.0f} {small:5.2f} {large:5.2f} {spent:7.1f}")
-            self.note(file=mode, mb=FILE_MB, mb_per_second=rate, processor_ms=spent, www_kib=int(memory))
+            for i, (metric, unit) in enumerate((("rate", "MB/s"), ("processor-time", "ms"))):
+                self.note(f"file-{FILE_MB}m", metric, unit, [sample[i] for sample in samples[mode]], mode)
 
 
 def main():
@@ -174,15 +184,13 @@ def main():
     parser.add_argument("--build", default="build/bench", type=pathlib.Path, help="folder of the build (TARN_BENCH=ON)")
     parser.add_argument("--rounds", default=5, type=int)
     parser.add_argument("--core", default=max(os.sched_getaffinity(0)), type=int)
-    parser.add_argument("--json", type=pathlib.Path, help="machine-readable lines; beside the build when not given")
+    parser.add_argument("--json", type=pathlib.Path)
     parser.add_argument("what", nargs="*", choices=["parts", "sessions", "calls", "files", []])
     options = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
         bench = Bench(options, pathlib.Path(folder))
         for name in options.what or ["parts", "sessions", "calls", "files"]:
             getattr(bench, name)()
-    with open(options.json or options.build / "tunnel.jsonl", "w", encoding="utf-8") as out:
-        out.writelines(json.dumps(line) + "\n" for line in bench.lines)
 
 
 if __name__ == "__main__":
