@@ -1,5 +1,6 @@
-// node web/build.mjs TARGET: makes the web tree as image/stage lays it out. Scripts and styles are bundled into one file
-// each; everything else is taken as it is. TARGET is replaced as a whole when all of it is there.
+// node web/build.mjs TARGET: makes the web tree as image/stage lays it out. Scripts and styles are bundled; what is fetched
+// later, and what several of them share, becomes files of their own, named after their content. Everything else is taken
+// as it is. TARGET is replaced as a whole when all of it is there.
 import { cp, mkdir, readFile, rename, rm, writeFile } from 'node:fs/promises';
 import { dirname, join, resolve } from 'node:path';
 import { fileURLToPath } from 'node:url';
@@ -36,6 +37,8 @@ await esbuild.build({
   bundle: true,
   minify: true,
   format: 'esm',
+  splitting: true,
+  chunkNames: '[name]-[hash]',
   target: ['chrome100', 'firefox100', 'safari16.4'],
   legalComments: 'eof',
   logLevel: 'warning',

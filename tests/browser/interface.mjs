@@ -31,11 +31,16 @@ export async function openStatus(browser, look = desktop) {
   return opened;
 }
 
+/** Goes to a page of the interface by its tab. */
+export async function goTo(page, title) {
+  await page.getByRole('navigation').getByRole('link', { name: title, exact: true }).click();
+  await page.getByRole('heading', { level: 1, name: title, exact: true }).waitFor();
+}
+
 /** Opens the interface, logs in, and goes to a page. */
 export async function openOn(browser, title) {
   const opened = await openStatus(browser);
-  await opened.page.getByRole('navigation').getByRole('link', { name: title }).click();
-  await opened.page.getByRole('heading', { level: 1, name: title }).waitFor();
+  await goTo(opened.page, title);
   return opened;
 }
 

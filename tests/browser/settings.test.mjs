@@ -1,9 +1,9 @@
-// All pages but the status, and that of users more closely.
+// Users, groups and what they may: the page of users, and what others see.
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
 import { control, until } from './control.mjs';
-import { account, desktop, launch, listed, logIn, makeFolder, noticed, open, openOn, openStatus, phone, sessionState, shots } from './interface.mjs';
+import { account, launch, listed, logIn, makeFolder, noticed, open, openOn, sessionState, shots } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -16,31 +16,6 @@ async function loggedIn(user, password) {
   await logIn(opened.page, { user, password });
   return opened;
 }
-
-test('every page fits a phone and a desktop', async () => {
-  for (const [name, look] of [['desktop', desktop], ['phone', phone], ['dark', { ...desktop, colorScheme: 'dark' }]]) {
-    const { context, page, troubles } = await openStatus(browser, look);
-    for (const title of ['Files', 'Servers', 'Users', 'Account']) {
-      await page.getByRole('navigation').getByRole('link', { name: title }).click();
-      await page.getByRole('heading', { level: 1, name: title }).waitFor();
-      if (title === 'Files') await page.getByRole('region', { name: 'Listing' }).getByText(/entr|Nothing/).waitFor();
-      if (title === 'Servers') await page.locator('[data-server=http]').waitFor();
-      if (title === 'Users') await page.getByRole('row', { name: 'guests' }).waitFor();
-      assert.equal(await page.evaluate(() => document.documentElement.scrollWidth - innerWidth), 0, `${title} is too wide`);
-      await page.screenshot({ path: `${shots}/${title.toLowerCase()}-${name}.png`, fullPage: true });
-    }
-    await page.getByRole('navigation').getByRole('link', { name: 'Servers' }).click();
-    await page.locator('[data-server=http]').getByRole('button', { name: 'Change' }).click();
-    await page.getByRole('dialog', { name: 'Change http' }).waitFor();
-    await page.screenshot({ path: `${shots}/dialog-${name}.png` });
-    await page.keyboard.press('Escape');
-    assert.equal(await page.getByRole('dialog').count(), 0);
-    assert.deepEqual(troubles, []);
-    await context.close();
-  }
-});
-
-// Users
 
 test('a user is added, logs in, gets another password and group, is disabled and removed', async () => {
   const { context, page } = await openPage('Users');
@@ -60,7 +35,7 @@ test('a user is added, logs in, gets another password and group, is disabled and
 
   const bob = await loggedIn('bob', 'first password');
   await bob.page.waitForSelector('.status[data-state=live]');
-  assert.deepEqual(await bob.page.getByRole('navigation').getByRole('link').allTextContents(), ['Status', 'Files', 'Account']);
+  assert.deepEqual(await bob.page.getByRole('navigation').getByRole('link').allTextContents(), ['Status', 'Files', 'Servers', 'Sessions', 'Account']);
   await bob.page.getByRole('navigation').getByRole('link', { name: 'Account' }).click();
   await bob.page.getByLabel('Present password').fill('wrong password');
   await bob.page.getByLabel('New password', { exact: true }).fill('second password');
@@ -119,7 +94,7 @@ test('a group has rights and a skin, which its users wear', async () => {
   await control.tn('call', '13/2', 'addObj', "{s1:'wendy',s3:'some password',s12:'watchers'}");
   const wendy = await loggedIn('wendy', 'some password');
   await wendy.page.waitForSelector('.status[data-state=live]');
-  assert.deepEqual(await wendy.page.getByRole('navigation').getByRole('link').allTextContents(), ['Status', 'Account']);
+  assert.deepEqual(await wendy.page.getByRole('navigation').getByRole('link').allTextContents(), ['Status', 'Servers', 'Sessions', 'Account']);
   const line = wendy.page.locator('[data-interface=lo] .line.first');
   assert.equal(await line.evaluate((element) => getComputedStyle(element).stroke), 'rgb(91, 75, 179)');
   await wendy.page.screenshot({ path: `${shots}/skin-dusk.png` });
@@ -151,5 +126,45 @@ test('a user whom the status is not for sees the own account alone', async () =>
   const { context, page } = await loggedIn('dave', 'some password');
   await page.getByRole('heading', { level: 1, name: 'Account' }).waitFor();
   assert.deepEqual(await page.getByRole('navigation').getByRole('link').allTextContents(), ['Account']);
+  await context.close();
+});
+
+test('a page that a right is missing for says which, and who can give it', async () => {
+  await control.tn('call', '13/2', 'addObj', "{s1:'frida',s3:'some password',s12:'guests'}");
+  const { context, page, troubles } = await loggedIn('frida', 'some password');
+  await page.waitForSelector('.status[data-state=live]');
+  for (const [name, title, text] of [
+    ['log', 'Log', 'This page needs the right “Change settings”, which your group “guests” does not have. An administrator can give it.'],
+    ['users', 'Users', 'This page needs the right “Manage users”'],
+    ['console', 'Console', 'This page needs the rights “Read files”'],
+  ]) {
+    await page.evaluate((hash) => (location.hash = hash), `#/${name}`);
+    await page.getByRole('heading', { level: 1, name: title, exact: true }).waitFor();
+    await page.getByText(text).waitFor();
+  }
+  await page.screenshot({ path: `${shots}/missing-right.png` });
+  await page.evaluate(() => (location.hash = '#/servers'));
+  await page.locator('[data-server=http]').waitFor();
+  await page.getByText('SHA-256 fingerprint').waitFor();
+  for (const name of ['Change', 'Remove', 'Add a server', 'Make a new one', 'Replace']) {
+    assert.equal(await page.getByRole('button', { name }).count(), 0, `${name} is not offered`);
+  }
+  assert.deepEqual(troubles, []);
+  await context.close();
+});
+
+test('each right is explained, where it is given and to whom it is given', async () => {
+  const { context, page } = await openPage('Users');
+  await page.getByRole('button', { name: 'Change administrators' }).click();
+  const boxes = page.getByRole('dialog').getByRole('checkbox');
+  assert.equal(await boxes.count(), 6);
+  const meanings = await boxes.evaluateAll((list) => list.map((box) => document.getElementById(box.getAttribute('aria-describedby')).textContent));
+  for (const meaning of meanings) assert.match(meaning, /^[A-Z].*\.$/);
+  await page.keyboard.press('Escape');
+  await page.getByRole('navigation').getByRole('link', { name: 'Account' }).click();
+  const told = page.getByRole('region', { name: 'What the group administrators may do' }).getByRole('listitem');
+  await told.first().waitFor();
+  const texts = await told.locator('p').allTextContents();
+  assert.deepEqual(texts.sort(), meanings.sort());
   await context.close();
 });

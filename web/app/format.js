@@ -52,3 +52,24 @@ export function niceCeiling(value) {
   const power = 10 ** Math.floor(Math.log10(value));
   return [1, 2, 5, 10].map((step) => step * power).find((candidate) => candidate >= value * 0.999999);
 }
+
+const two = (value) => String(value).padStart(2, '0');
+
+/** A time in ms since 1970 as "14:05:09.123", by the clock of who looks at it. */
+export function clockTime(time) {
+  const date = new Date(time);
+  const clock = [date.getHours(), date.getMinutes(), date.getSeconds()].map(two).join(':');
+  return `${clock}.${String(date.getMilliseconds()).padStart(3, '0')}`;
+}
+
+/** The same as "2026-11-21". */
+export function day(time) {
+  const date = new Date(time);
+  return `${date.getFullYear()}-${two(date.getMonth() + 1)}-${two(date.getDate())}`;
+}
+
+/** A count with its thousands apart. */
+export const count = (value) => String(value).replace(/\B(?=(\d{3})+$)/g, '\u202f');
+
+/** How often something happens. */
+export const perSecond = (value) => (value < 0.05 ? '0' : value < 10 ? value.toFixed(1) : count(Math.round(value)));

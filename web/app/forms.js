@@ -11,12 +11,13 @@ export function field(label, input, help) {
   return h('div', { class: 'field' }, h('label', { for: id }, label), input, help ? h('p', { class: 'help', id: `${id}-help` }, help) : null);
 }
 
-/** A box that is ticked. */
+/** A box that is ticked. What it means is said beside its name, not in it. */
 export function checkbox(label, checked, help) {
-  const input = h('input', { type: 'checkbox' });
+  const id = `field-${++labels}`;
+  const input = h('input', { type: 'checkbox', id, 'aria-describedby': help ? `${id}-help` : null });
   input.checked = checked;
-  const element = h('label', { class: 'check' }, input, h('span', {}, label, help ? h('span', { class: 'help' }, help) : null));
-  return { element, input };
+  const words = h('div', {}, h('label', { for: id }, label), help ? h('p', { class: 'help', id: `${id}-help` }, help) : null);
+  return { element: h('div', { class: 'check' }, input, words), input };
 }
 
 /**

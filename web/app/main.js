@@ -4,6 +4,7 @@ import { byId, h, setText } from './dom.js';
 import { Login } from './login.js';
 import { Notices } from './notices.js';
 import { pages } from './pages.js';
+import { rightsOf } from './rights.js';
 import { loadSkin, pagesOf, shippedSkins, wear } from './skin.js';
 
 const session = new Session();
@@ -11,7 +12,7 @@ const notices = new Notices(byId('notices'));
 const login = new Login(session);
 const view = byId('page');
 
-/** The page that is shown: its entry of `pages` and what its start returned. */
+/** The page that is shown: its entry of `pages`, the place in it, and what its start returned, null until its script is there. */
 let shown = null;
 
 /** The skin of who is logged in; null until it is there. @type {import('./skin.js').Skin|null} */
@@ -43,13 +44,12 @@ function onOnline({ account, renewed }) {
   if (renewed) notices.show('renewed', renewals[renewed], { tone: 'good' });
   login.hide();
   setText(byId('host'), account.host || 'tarn');
-  document.title = account.host ? `${account.host} · tarn` : 'tarn';
   setText(byId('who'), account.user);
   byId('who').title = [account.fullName, account.group].filter(Boolean).join(', ');
   byId('account').hidden = false;
   byId('tabs').hidden = false;
   view.hidden = false;
-  if (shown) shown.page.onOnline?.(account);
+  shown?.page?.onOnline?.(account);
   if (skin) route();
   else dress(account);
 }
@@ -97,34 +97,85 @@ function onLost({ retryAt }) {
 
 // Pages
 
-const permitted = () => pagesOf(skin, pages).filter(({ needs }) => (session.state.account.policies & needs) === needs);
+const isPermitted = ({ needs }) => (session.state.account.policies & needs) === needs;
 
 function route() {
-  if (!session.state.account || !skin) return;
-  const list = permitted();
+  const { account } = session.state;
+  if (!account || !skin) return;
+  const list = pagesOf(skin, pages);
+  const offered = list.filter(isPermitted);
   // Behind a page's name may stand a place within the page.
   const [, wanted, rest = ''] = /^#\/([^/]*)\/?(.*)$/.exec(location.hash) ?? [];
-  const entry = list.find((page) => page.name === wanted) ?? list[0];
+  const isWanted = ({ name }) => name === wanted;
+  const entry = list.find(isWanted) ?? pages.find((page) => isWanted(page) && !isPermitted(page)) ?? offered[0];
   const within = entry?.name === wanted ? rest : '';
-  showTabs(list, entry);
-  if (shown && shown.entry === entry) return shown.page.onAddress?.(within);
-  closePage();
-  if (!entry) {
-    view.append(h('p', { class: 'empty' }, 'Your group may not see anything here. An administrator can change that.'));
+  showTabs(offered, entry);
+  document.title = [entry?.title, account.host, 'tarn'].filter(Boolean).join(' · ');
+  if (shown?.entry === entry) {
+    shown.within = within;
+    shown.page?.onAddress?.(within);
     return;
   }
-  shown = { entry, page: entry.start(view, { session, notices, skins: shippedSkins, within }) };
+  closePage();
+  if (!entry) view.append(h('p', { class: 'empty' }, 'Your group may not see anything here. An administrator can change that.'));
+  else if (isPermitted(entry)) openPage(entry, within);
+  else refusePage(entry);
 }
 
-function showTabs(list, current) {
-  const links = list.map(({ name, title }) =>
-    h('a', { href: `#/${name}`, 'aria-current': name === current?.name ? 'page' : null }, title),
+async function openPage(entry, within) {
+  const opened = { entry, page: null, within };
+  shown = opened;
+  let start;
+  try {
+    start = await entry.load();
+  } catch {
+    if (shown === opened) missPage(entry);
+    return;
+  }
+  if (shown === opened) opened.page = start(view, { session, notices, skins: shippedSkins, within: opened.within });
+}
+
+// The script of the page could not be fetched: the server is away, or has been given another version meanwhile.
+function missPage({ title }) {
+  shown = null;
+  view.replaceChildren(
+    explanation(title, 'This page could not be fetched from the server. When it answers again, load the interface anew and log in.',
+      h('button', { type: 'button', class: 'primary', onclick: () => location.reload() }, 'Load anew')),
   );
-  byId('tabs').replaceChildren(...links);
+}
+
+function refusePage({ title, needs }) {
+  const { account } = session.state;
+  const lacking = rightsOf(needs & ~account.policies).map((right) => `“${right.title}”`);
+  const what = lacking.length === 1 ? `the right ${lacking[0]}` : `the rights ${lacking.join(', ')}`;
+  view.append(
+    explanation(title, `This page needs ${what}, which your group “${account.group}” does not have. An administrator can give it.`),
+  );
+}
+
+const explanation = (title, text, ...more) =>
+  h('div', { class: 'narrow' }, h('div', { class: 'page-head' }, h('h1', {}, title)), h('div', { class: 'panel form' }, h('p', {}, text), ...more));
+
+// Tabs that stay are left as they are: one of them may have the keyboard.
+function showTabs(list, current) {
+  const tabs = byId('tabs');
+  const names = list.map(({ name }) => name).join(' ');
+  if (tabs.dataset.pages !== names) {
+    tabs.dataset.pages = names;
+    tabs.replaceChildren(...list.map(({ name, title }) => h('a', { href: `#/${name}` }, title)));
+  }
+  list.forEach(({ name }, index) => {
+    if (name === current?.name) {
+      tabs.children[index].setAttribute('aria-current', 'page');
+      tabs.children[index].scrollIntoView({ block: 'nearest', inline: 'nearest' });
+    } else {
+      tabs.children[index].removeAttribute('aria-current');
+    }
+  });
 }
 
 function closePage() {
-  shown?.page.stop();
+  shown?.page?.stop();
   shown = null;
   view.replaceChildren();
 }

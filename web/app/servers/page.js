@@ -1,9 +1,18 @@
 // The servers page: where the system listens, from where, and whether that worked.
 import { commands, permissions } from '../../client/index.js';
-import { h } from '../dom.js';
+import { countersHandler, readCounters } from '../counters.js';
+import { h, setText } from '../dom.js';
 import { ask, checkbox, failureText, field } from '../forms.js';
+import { duration } from '../format.js';
+import { poll } from '../poll.js';
+import { WebServer, troubleText } from '../programs.js';
+import { certificatePanel } from './certificate.js';
+import { Counters } from './counters.js';
 import { change, changeOwn, isOwn } from './own.js';
 import { noCertificate, parsePrefix, path, problemText, readRecord, writeRecord } from './record.js';
+
+// The counters are asked for so often, in ms.
+const interval = 2000;
 
 /**
  * @param {HTMLElement} place
@@ -13,6 +22,11 @@ export function startServers(place, { session, notices }) {
   const mayChange = (session.state.account.policies & permissions.changeSettings) !== 0;
   const list = h('ul', { class: 'records' });
   const add = h('button', { type: 'button', class: 'primary', onclick: () => edit(null) }, 'Add a server');
+  const certificate = certificatePanel(session, notices, mayChange);
+  const since = h('p', { class: 'soft' }, '\u00a0');
+  const server = new WebServer(session);
+  /** The counters on the cards, by the names of the servers. */
+  const counters = new Map();
   place.append(
     h(
       'div',
@@ -20,18 +34,36 @@ export function startServers(place, { session, notices }) {
       h('div', { class: 'page-head' }, h('h1', {}, 'Servers'), mayChange ? add : null),
       h('p', { class: 'soft lead' }, 'Where the system listens. What a server serves, and whether it speaks TLS, stands in its configuration.'),
       list,
+      since,
+      certificate.element,
     ),
   );
   let stopped = false;
+
+  const asking = poll(session, interval, async () => {
+    const { reply, error, supervisorAway } = await server.call(countersHandler, commands.get);
+    if (error) return setText(since, `The counters stand still. ${troubleText(error, supervisorAway ? 'The supervisor' : 'The server')}`);
+    const told = readCounters(reply);
+    setText(since, `Counted since the server was started ${duration(told.age)} ago.`);
+    for (const entry of told.servers) counters.get(entry.name)?.show(entry);
+  });
 
   async function load() {
     const { reply, error } = await session.call(path, commands.getAll);
     if (stopped) return;
     if (error) list.replaceChildren(h('li', { class: 'empty' }, failureText(error)));
-    else list.replaceChildren(...(reply.M1 ?? []).map(readRecord).map(row));
+    else showRecords((reply.M1 ?? []).map(readRecord));
+  }
+
+  function showRecords(records) {
+    counters.clear();
+    list.replaceChildren(...records.map(row));
+    asking.now();
   }
 
   function row(record) {
+    const figures = new Counters();
+    counters.set(record.name, figures);
     const own = isOwn(record);
     const state = !record.enabled ? ['off', 'Off'] : record.problem ? ['lost', 'Problem'] : ['online', 'On'];
     const from = record.allowed.length ? `from ${record.allowed.join(', ')}` : 'from everywhere';
@@ -56,6 +88,7 @@ export function startServers(place, { session, notices }) {
             h('button', { type: 'button', class: 'plain', onclick: () => edit(record) }, 'Change'),
           )
         : null,
+      figures.element,
     );
   }
 
@@ -140,11 +173,17 @@ export function startServers(place, { session, notices }) {
     setTimeout(() => location.assign(address), 1500);
   }
 
-  load();
+  function loadAll() {
+    load();
+    certificate.load();
+  }
+
+  loadAll();
   return {
-    onOnline: load,
+    onOnline: loadAll,
     stop() {
       stopped = true;
+      asking.stop();
     },
   };
 }

@@ -1,10 +1,16 @@
 // The status page: what the machine does, as the status service pushes it.
+import { commands } from '../../client/index.js';
+import { countersHandler, readCounters } from '../counters.js';
 import { h } from '../dom.js';
+import { poll } from '../poll.js';
+import { WebServer, askPrograms, troubleText } from '../programs.js';
 import { Interfaces } from './interfaces.js';
 import { Overview } from './overview.js';
 import { Processes } from './processes.js';
+import { ProgramsPanel } from './programs.js';
 import { Storage } from './storage.js';
 import * as service from './service.js';
+import { WebServerPanel } from './web_server.js';
 
 const { system, memory, storage, interfaces, processes } = service.objects;
 
@@ -14,6 +20,9 @@ const groups = [
   { key: 'slow', objects: [system, storage, processes], interval: 2000 },
 ];
 
+// Programs and the server's counters are not pushed: they are asked for so often, in ms.
+const interval = 2000;
+
 /**
  * Starts the page in a place.
  * @param {HTMLElement} place
@@ -21,11 +30,14 @@ const groups = [
  */
 export function startStatus(place, { session, notices }) {
   const parts = { overview: new Overview(), interfaces: new Interfaces(), storage: new Storage(), processes: new Processes() };
+  const programs = new ProgramsPanel();
+  const webServer = new WebServerPanel();
   const element = h(
     'div',
     { class: 'status', 'data-state': 'waiting' },
     h('h1', { class: 'hidden' }, 'Status'),
     parts.overview.element,
+    h('div', { class: 'pair even' }, webServer.element, programs.element),
     parts.interfaces.element,
     h('div', { class: 'pair' }, parts.processes.element, parts.storage.element),
   );
@@ -66,12 +78,23 @@ export function startStatus(place, { session, notices }) {
     const worst = subscriptions.map((subscription) => subscription.trouble).find(Boolean) ?? failure;
     element.dataset.state = worst ? 'stale' : 'live';
     // That the whole server is away, or the session, is told elsewhere.
-    if (worst?.kind === 'service') notices.show('status', troubleText(worst), { tone: 'bad', stays: true });
+    if (worst?.kind === 'service') notices.show('status', staleText(worst), { tone: 'bad', stays: true });
     else notices.clear('status');
   }
 
+  const server = new WebServer(session);
+  const asking = poll(session, interval, async () => {
+    const [list, counters] = await Promise.all([askPrograms(session), server.call(countersHandler, commands.get)]);
+    if (list.error) programs.miss(troubleText(list.error, 'The supervisor'));
+    else programs.show(list.programs);
+    if (counters.error) webServer.miss(troubleText(counters.error, counters.supervisorAway ? 'The supervisor' : 'The server'));
+    else webServer.show(readCounters(counters.reply));
+  });
+
   return {
     stop() {
+      asking.stop();
+      webServer.end();
       for (const subscription of subscriptions) subscription.stop();
       for (const part of Object.values(parts)) part.end?.();
       notices.clear('status');
@@ -79,7 +102,7 @@ export function startStatus(place, { session, notices }) {
   };
 }
 
-function troubleText(failure) {
+function staleText(failure) {
   if (failure.serviceAway) return 'The status service does not answer. The figures stand still until it is back.';
   return `The status service refuses: ${failure.text || 'no reason given'}.`;
 }

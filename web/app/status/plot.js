@@ -1,6 +1,6 @@
 // Plots that move: the newest sample enters at the right edge while everything else wanders to the left.
 import { setText, svg } from '../dom.js';
-import { niceCeiling, rate } from '../format.js';
+import { niceCeiling, perSecond, rate } from '../format.js';
 
 /** How much time a plot shows, in ms. */
 export const span = 120000;
@@ -110,6 +110,9 @@ class Plot {
   }
 }
 
+// Room above the highest line, in pixels.
+const gap = 8;
+
 /** One value from 0 to 1, as an area. */
 export class SharePlot extends Plot {
   #area = svg('path', { class: 'area first' });
@@ -128,9 +131,38 @@ export class SharePlot extends Plot {
   }
 }
 
+// Below this, in events per second, the scale of counts does not go.
+const smallestCount = 5;
+
+/** One value from 0 upwards, as an area with the largest one written at its scale. */
+export class CountPlot extends Plot {
+  #area = svg('path', { class: 'area first' });
+  #line = svg('path', { class: 'line first' });
+  #top = svg('line', { class: 'grid' });
+  #label = svg('text', { class: 'scale', x: 4 });
+
+  constructor(label) {
+    super(label, 'count');
+    this.element.append(this.#top, this.#label);
+    this.layer.append(this.#area, this.#line);
+  }
+
+  draw() {
+    if (!this.width) return;
+    const scale = niceCeiling(Math.max(smallestCount, this.history.largest));
+    const yOf = (value) => this.height - 1 - (value / scale) * (this.height - 1 - gap);
+    const { line, area } = paths(this.history.samples, 0, this.xOf(), yOf, this.height);
+    this.#line.setAttribute('d', line);
+    this.#area.setAttribute('d', area);
+    const y = Math.round(yOf(scale)) + 0.5;
+    for (const [name, value] of Object.entries({ x1: 0, x2: this.width, y1: y, y2: y })) this.#top.setAttribute(name, value);
+    this.#label.setAttribute('y', y + 12);
+    setText(this.#label, `${perSecond(scale)}/s`);
+  }
+}
+
 // Below this, in bytes per second, the scale does not go: an idle line shall look idle.
 const smallestScale = 1250;
-const gap = 8;
 
 /** Traffic in both directions: what comes in above the base line, what goes out below it, on one scale. */
 export class TrafficPlot extends Plot {

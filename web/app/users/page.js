@@ -2,8 +2,9 @@
 import { commands } from '../../client/index.js';
 import { h } from '../dom.js';
 import { ask, checkbox, failureText, field } from '../forms.js';
+import { rights, rightsText } from '../rights.js';
 import { passwordComplaint, passwordInput } from './password.js';
-import { groups, readGroup, readUser, rights, rightsText, setPassword, users, writeGroup, writeUser } from './service.js';
+import { groups, readGroup, readUser, setPassword, users, writeGroup, writeUser } from './service.js';
 
 /**
  * @param {HTMLElement} place
@@ -127,7 +128,7 @@ export function startUsers(place, { session, skins }) {
   async function editGroup(group) {
     const before = group ?? { name: '', policies: 0x10, skin: 'default' };
     const name = h('input', { value: before.name, maxlength: 64, spellcheck: 'false', autocapitalize: 'none', autocomplete: 'off' });
-    const boxes = rights.map(({ bit, title }) => ({ bit, ...checkbox(title, (before.policies & bit) !== 0) }));
+    const boxes = rights.map(({ bit, title, meaning }) => ({ bit, ...checkbox(title, (before.policies & bit) !== 0, meaning) }));
     const named = rights.reduce((sum, { bit }) => sum | bit, 0);
     // One that was put into the user store is as good as one that came with the system.
     const skin = h('input', { value: before.skin, maxlength: 64, spellcheck: 'false', autocapitalize: 'none', autocomplete: 'off', list: 'skins' });

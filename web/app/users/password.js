@@ -1,6 +1,7 @@
 // The page for one's own password.
 import { h, setText } from '../dom.js';
 import { failureText, field } from '../forms.js';
+import { rightsOf } from '../rights.js';
 import { setPassword, users } from './service.js';
 
 export const shortest = 8;
@@ -62,8 +63,19 @@ export function startAccount(place, { session, notices }) {
       { class: 'narrow' },
       h('div', { class: 'page-head' }, h('h1', {}, 'Account')),
       h('dl', { class: 'panel facts' }, ...facts.map(([title, text]) => h('div', {}, h('dt', {}, title), h('dd', {}, text)))),
+      rightsPanel(account),
       form,
     ),
   );
   return { stop() {} };
+}
+
+function rightsPanel({ policies, group }) {
+  const list = rightsOf(policies).map(({ title, meaning }) => h('li', {}, h('h3', {}, title), h('p', { class: 'soft' }, meaning)));
+  return h(
+    'section',
+    { class: 'panel', 'aria-labelledby': 'rights-title' },
+    h('h2', { id: 'rights-title' }, `What the group ${group} may do`),
+    list.length ? h('ul', { class: 'meanings' }, ...list) : h('p', { class: 'soft' }, 'Nothing but this: to log in and to change the own password.'),
+  );
 }

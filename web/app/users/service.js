@@ -1,6 +1,4 @@
 // What the user service takes and tells, as docs/services.md has it, in names instead of numbers.
-import { permissions } from '../../client/index.js';
-
 export const users = [13, 2];
 export const groups = [13, 3];
 export const setPassword = 0x20001;
@@ -32,19 +30,3 @@ export const readGroup = (message) => ({
 });
 
 export const writeGroup = ({ id, name, policies, skin }) => ({ ufe0001: id, s1: name, ub: policies, s18: skin });
-
-/** The rights in words. */
-export const rights = [
-  { bit: permissions.read, title: 'See status and settings', short: 'see' },
-  { bit: permissions.readFiles, title: 'Read files', short: 'read files' },
-  { bit: permissions.writeFiles, title: 'Write files', short: 'write files' },
-  { bit: permissions.sensitiveFiles, title: 'Files with secrets too', short: 'secrets' },
-  { bit: permissions.changeSettings, title: 'Change settings', short: 'change settings' },
-  { bit: permissions.manageUsers, title: 'Manage users', short: 'manage users' },
-];
-
-export const rightsText = (policies) =>
-  rights
-    .filter(({ bit }) => policies & bit)
-    .map(({ short }) => short)
-    .join(', ') || 'nothing';

@@ -1,0 +1,39 @@
+// Asking a service again and again.
+
+/**
+ * Asks at once, and again a while after each answer, as long as the page can be seen and the session is online.
+ * @param {import('../client/index.js').Session} session
+ * @param {number} pause  In ms.
+ * @param {() => Promise<void>} ask
+ * @returns {{now: () => void, stop: () => void}}  `now` asks without waiting.
+ */
+export function poll(session, pause, ask) {
+  let timer;
+  let busy = false;
+  let again = false;
+  let stopped = false;
+
+  async function step() {
+    clearTimeout(timer);
+    if (stopped || document.hidden || session.state.name !== 'online') return;
+    again = busy;
+    if (busy) return;
+    busy = true;
+    await ask();
+    busy = false;
+    if (!stopped) timer = setTimeout(step, again ? 0 : pause);
+  }
+
+  const forget = session.onState(step);
+  document.addEventListener('visibilitychange', step);
+  step();
+  return {
+    now: step,
+    stop() {
+      stopped = true;
+      clearTimeout(timer);
+      forget();
+      document.removeEventListener('visibilitychange', step);
+    },
+  };
+}
