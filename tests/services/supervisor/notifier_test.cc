@@ -118,8 +118,8 @@ TEST(Notifier, KnowsWhoseSignOfLifeIsMeant) {
 
 TEST(Notifier, SocketsThatAreNoneAreLeftAlone) {
   tn::fakes::FakeRunner runner;
-  for (const std::string& name :
-       {std::string(), std::string("@"), std::string("relative"), "/" + std::string(200, 'a'), "@no-such-" + ownPid()}) {
+  for (const std::string& name : {std::string(), std::string("@"), std::string("relative"), "/" + std::string(200, 'a'),
+                                  "@no-such-" + ownPid()}) {
     Notifier notifier({name, "1000000", {}}, runner.timers());
     notifier.linked();
     notifier.stopping();
