@@ -15,7 +15,24 @@ constexpr std::uint32_t answerMs = 30'000;
 constexpr tn::u32_id operationField{1};
 constexpr tn::u32_id idField{2};
 constexpr tn::string_id nameField{3};
-constexpr tn::message_array_id listField{4};
+constexpr tn::message_array_id programsField{4};
+constexpr tn::u64_id framesSent{5};
+constexpr tn::u64_id bytesSent{6};
+constexpr tn::u64_id bounced{7};
+constexpr tn::u64_id bytesQueued{10};
+constexpr tn::u64_id framesReceived{12};
+constexpr tn::u64_id bytesReceived{13};
+
+BusFigures figuresOf(const tn::message& member, std::uint32_t id) {
+  const auto count = [&member](tn::u64_id field) { return member.get(field).value_or(0); };
+  return {id,
+          count(framesSent),
+          count(bytesSent),
+          count(bounced),
+          count(bytesQueued),
+          count(framesReceived),
+          count(bytesReceived)};
+}
 
 // An error that the bus itself made up is no word of the program.
 bool isAnswer(const tn::message& reply) {
@@ -26,7 +43,7 @@ bool isAnswer(const tn::message& reply) {
 }  // namespace
 
 BusEnquiry::BusEnquiry(tn::Looper& looper, const std::vector<Program>& programs, std::size_t broker)
-    : looper_(looper), programs_(programs), broker_(broker), questions_(programs.size()) {}
+    : looper_(looper), programs_(programs), broker_(broker), questions_(programs.size()), figures_(programs.size()) {}
 
 BusEnquiry::~BusEnquiry() {
   for (const Question& question : questions_)
@@ -34,24 +51,27 @@ BusEnquiry::~BusEnquiry() {
 }
 
 void BusEnquiry::ask(const Answered& answered) {
-  if (std::exchange(listAsked_, true)) return;
+  if (std::exchange(asked_, true)) return;
   tn::message request;
-  request.insert(operationField, tn::control::list);
-  const auto onReply = [this, answered](const tn::message& list) {
-    listAsked_ = false;
-    if (!tn::isError(list)) onList(list, answered);
+  request.insert(operationField, tn::control::statistics);
+  const auto onReply = [this, answered](const tn::message& statistics) {
+    asked_ = false;
+    figures_.assign(programs_.size(), BusFigures());
+    if (!tn::isError(statistics)) onStatistics(statistics, answered);
   };
   looper_.control(request, onReply, answerMs);
 }
 
-void BusEnquiry::onList(const tn::message& list, const Answered& answered) {
+void BusEnquiry::onStatistics(const tn::message& statistics, const Answered& answered) {
   answered(broker_);
-  for (const tn::message& member : list.get(listField).value_or(std::vector<tn::message>())) {
+  for (const tn::message& member : statistics.get(programsField).value_or(std::vector<tn::message>())) {
     const auto id = member.get(idField);
     const auto name = member.get(nameField);
     if (!id || !name) continue;
     for (std::size_t i = 0; i < programs_.size(); ++i) {
-      if (i != broker_ && programs_[i].name == *name) put(i, *id, answered);
+      if (i == broker_ || programs_[i].name != *name) continue;
+      figures_[i] = figuresOf(member, *id);
+      put(i, *id, answered);
     }
   }
 }

@@ -26,12 +26,23 @@ class Enquiry {
   virtual void ask(const Answered& answered) = 0;
 };
 
-// Asks over the bus. The broker is asked for its list; then every program that the list names is sent a message to its
+// What the broker has counted of a program (docs/bus-protocol.md).
+struct BusFigures {
+  std::uint32_t id = 0;  // 0: it is not on the bus
+  std::uint64_t framesSent = 0;
+  std::uint64_t bytesSent = 0;
+  std::uint64_t bounced = 0;
+  std::uint64_t bytesQueued = 0;
+  std::uint64_t framesReceived = 0;
+  std::uint64_t bytesReceived = 0;
+};
+
+// Asks over the bus. The broker is asked for its statistics; then every program that they name is sent a message to its
 // looper (handler 0), and whatever it answers, an error included, proves that its loop turns. Whoever has not answered
 // yet is not asked again.
 //
-// The looper connects and joins anew whenever it has lost the broker, and there is no list before that: so a broker
-// that does not take programs any more counts as silent too.
+// The looper connects and joins anew whenever it has lost the broker, and there are no statistics before that: so a
+// broker that does not take programs any more counts as silent too.
 class BusEnquiry : public Enquiry {
  public:
   // `programs`, with the broker at index `broker`, and the looper must outlive this.
@@ -40,20 +51,24 @@ class BusEnquiry : public Enquiry {
 
   void ask(const Answered& answered) override;
 
+  // As the broker told it last.
+  [[nodiscard]] const BusFigures& figures(std::size_t program) const { return figures_[program]; }
+
  private:
   struct Question {
     tn::PostId post = 0;   // 0: none on its way
     std::uint32_t id = 0;  // whom it went to
   };
 
-  void onList(const tn::message& list, const Answered& answered);
+  void onStatistics(const tn::message& statistics, const Answered& answered);
   void put(std::size_t program, std::uint32_t id, const Answered& answered);
 
   tn::Looper& looper_;
   const std::vector<Program>& programs_;
   std::size_t broker_;
-  bool listAsked_ = false;           // the list was asked for and has not come
-  std::vector<Question> questions_;  // by index of the program
+  bool asked_ = false;               // the broker was asked and has not answered
+  std::vector<Question> questions_;  // both by index of the program
+  std::vector<BusFigures> figures_;
 };
 
 }  // namespace tnrun

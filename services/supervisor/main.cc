@@ -15,8 +15,13 @@
 #include "platform/log.h"
 #include "platform/unique_fd.h"
 #include "services/supervisor/enquiry.h"
+#include "services/supervisor/journal.h"
+#include "services/supervisor/log_handler.h"
+#include "services/supervisor/log_keeper.h"
 #include "services/supervisor/notifier.h"
+#include "services/supervisor/outlet.h"
 #include "services/supervisor/processes.h"
+#include "services/supervisor/program_handler.h"
 #include "services/supervisor/program_list.h"
 #include "services/supervisor/supervisor.h"
 
@@ -27,7 +32,10 @@ namespace {
 constexpr char listPath[] = "/tarn/etc/programs";
 constexpr std::size_t maxListBytes = 64U << 10U;
 constexpr std::string_view brokerName = "busd";
+constexpr unsigned busId = 2;
 constexpr std::uint32_t notifierId = 3;  // its place as a handler; nobody has anything to say to it
+// How long the reader of the log may take at the end.
+constexpr int drainMs = 1000;
 
 std::optional<std::string> readList() {
   const UniqueFd file(open(listPath, O_RDONLY | O_CLOEXEC));
@@ -104,18 +112,30 @@ int supervise(const std::vector<tnrun::Program>& programs, std::size_t broker) {
     return 1;
   }
   tn::Looper::Tuning tuning{};
+  tuning.id = busId;
   tuning.stopSignals = 1;
   tn::Looper looper(tuning);
   tnrun::Notifier notifier(tnrun::Notifier::takeWishes(), looper.runner().timers());
   looper.addHandler(notifierId, notifier);
+  tnrun::Outlet output(looper.runner().timers(), STDOUT_FILENO);
+  tnrun::Outlet errors(looper.runner().timers(), STDERR_FILENO);
+  tnrun::Journal journal;
+  tnrun::LogKeeper keeper(looper.runner(), programs, journal, output, errors);
   tnrun::RealProcesses processes;
   tnrun::BusEnquiry enquiry(looper, programs, broker);
-  tnrun::Supervisor supervisor(programs, broker, looper.runner(), processes, enquiry, [&looper] { looper.quit(); });
+  tnrun::Supervisor supervisor(programs, broker, looper.runner(), processes, enquiry, keeper,
+                               [&looper] { looper.quit(); });
+  tnrun::ProgramHandler programHandler(programs, supervisor, enquiry);
+  looper.addHandler(tnrun::ProgramHandler::busHandlerId, programHandler);
+  tnrun::LogHandler logHandler(journal);
+  looper.addHandler(tnrun::LogHandler::busHandlerId, logHandler);
   looper.runner().addSocket(signals.get(), tn::readable,
                             [&](int fd, unsigned) { onSignals(fd, supervisor, notifier); });
   supervisor.start();
   looper.run();
   looper.runner().removeSocket(signals.get());
+  output.drain(drainMs);
+  errors.drain(drainMs);
   return 0;
 }
 
@@ -123,6 +143,7 @@ int supervise(const std::vector<tnrun::Program>& programs, std::size_t broker) {
 
 int main() {
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
   // What a program leaves behind when it ends becomes a child of this one, and is reaped here.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   int status = 1;

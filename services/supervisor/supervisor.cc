@@ -6,13 +6,12 @@
 #include <cstring>
 #include <string>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <utility>
-
-#include "platform/log.h"
 
 namespace tnrun {
 namespace {
+
+constexpr std::string_view ownPrefix = "tnrun: ";
 
 std::string endText(int status) {
   if (WIFSIGNALED(status)) return "was ended by signal " + std::to_string(WTERMSIG(status));
@@ -22,11 +21,12 @@ std::string endText(int status) {
 }  // namespace
 
 Supervisor::Supervisor(const std::vector<Program>& programs, std::size_t broker, tn::ThinRunner& runner,
-                       Processes& processes, Enquiry& enquiry, std::function<void()> allStopped)
+                       Processes& processes, Enquiry& enquiry, Listener& listener, std::function<void()> allStopped)
     : programs_(programs),
       runner_(runner),
       processes_(processes),
       enquiry_(enquiry),
+      listener_(listener),
       allStopped_(std::move(allStopped)),
       vigil_(programs.size(), broker),
       round_([this] { closeRound(); }),
@@ -45,17 +45,27 @@ void Supervisor::launch(std::size_t program) {
   Seat& seat = seats_[program];
   seat.began = runner_.timers().now();
   vigil_.forgive(program);
-  const auto pid = processes_.start(programs_[program].path);
-  if (!pid) return startLater(program, "cannot be started (" + std::string(std::strerror(pid.error())) + ")");
-  seat.pid = *pid;
+  auto started = processes_.start(programs_[program].path);
+  if (!started) return startLater(program, "cannot be started (" + std::string(std::strerror(started.error())) + ")");
+  seat.pid = started->pid;
   seat.state = State::running;
-  logLine("tnrun: started ", programs_[program].name, ", process ", NumberText(static_cast<std::uint64_t>(*pid)));
+  ++seat.starts;
+  listener_.say(Stream::output, std::string(ownPrefix)
+                                    .append("started ")
+                                    .append(programs_[program].name)
+                                    .append(", process ")
+                                    .append(std::to_string(seat.pid)));
+  listener_.began(program, std::move(started->output), std::move(started->errors));
+}
+
+std::uint64_t Supervisor::ranMs(const Seat& seat) const {
+  const auto ran = std::chrono::duration_cast<std::chrono::milliseconds>(runner_.timers().now() - seat.began);
+  return static_cast<std::uint64_t>(ran.count());
 }
 
 void Supervisor::startLater(std::size_t program, std::string_view what) {
   Seat& seat = seats_[program];
-  const auto ran = std::chrono::duration_cast<std::chrono::milliseconds>(runner_.timers().now() - seat.began);
-  const std::uint32_t pause = seat.pause.after(static_cast<std::uint64_t>(ran.count()));
+  const std::uint32_t pause = seat.pause.after(ranMs(seat));
   say(program, std::string(what) + ", starting again in " + std::to_string(pause) + " ms");
   seat.pid = 0;
   seat.state = State::waiting;
@@ -66,6 +76,7 @@ void Supervisor::onEnded(pid_t pid, int status) {
   const auto found = std::find_if(seats_.begin(), seats_.end(), [pid](const Seat& seat) { return seat.pid == pid; });
   if (found == seats_.end()) return;
   const auto program = static_cast<std::size_t>(found - seats_.begin());
+  listener_.ended(program);
   if (!stopping_) return startLater(program, endText(status));
 
   const bool wasLeaving = found->state == State::leaving;
@@ -114,9 +125,20 @@ void Supervisor::stopNext() {
 
 // Standard error: the log is for whoever looks for it, this is for whoever sits in front of the machine.
 void Supervisor::say(std::size_t program, std::string_view what) {
-  std::string line = "tnrun: ";
-  line.append(programs_[program].name).append(" ").append(what).append("\n");
-  static_cast<void>(write(STDERR_FILENO, line.data(), line.size()));
+  std::string line(ownPrefix);
+  line.append(programs_[program].name).append(" ").append(what);
+  listener_.say(Stream::errors, line);
+}
+
+Supervisor::Condition Supervisor::condition(std::size_t program) const {
+  const Seat& seat = seats_[program];
+  Condition condition;
+  condition.startedAgain = seat.starts == 0 ? 0 : seat.starts - 1;
+  if (seat.pid == 0) return condition;
+  condition.pid = seat.pid;
+  condition.runningMs = ranMs(seat);
+  condition.answers = vigil_.answers(program);
+  return condition;
 }
 
 }  // namespace tnrun

@@ -10,6 +10,7 @@
 
 #include "platform/bus/thin_runner.h"
 #include "services/supervisor/enquiry.h"
+#include "services/supervisor/listener.h"
 #include "services/supervisor/processes.h"
 #include "services/supervisor/program_list.h"
 #include "services/supervisor/restart_pause.h"
@@ -20,7 +21,7 @@ namespace tnrun {
 // Keeps the programs of the system running: starts them in order, starts again what ended, kills what hangs, and at the
 // end stops them in reverse order.
 //
-// What a person has to know (a program ended or hung) goes to standard error; the rest is for the log.
+// What a person has to know (a program ended or hung) is said on standard error; the rest is for the log.
 class Supervisor {
  public:
   static constexpr std::uint32_t roundMs = 2000;     // between two questions of the watchdog
@@ -29,13 +30,22 @@ class Supervisor {
   // `programs`, with the broker at index `broker`, and the other references must outlive this. `allStopped` runs once,
   // after stop().
   Supervisor(const std::vector<Program>& programs, std::size_t broker, tn::ThinRunner& runner, Processes& processes,
-             Enquiry& enquiry, std::function<void()> allStopped);
+             Enquiry& enquiry, Listener& listener, std::function<void()> allStopped);
 
   void start();
   // A child was reaped. One that the supervisor does not know is somebody's orphan and nobody's business.
   void onEnded(pid_t pid, int status);
   // Stops all programs; a second call changes nothing.
   void stop();
+
+  // How a program is.
+  struct Condition {
+    pid_t pid = 0;  // 0: it does not run
+    std::uint32_t startedAgain = 0;
+    std::uint64_t runningMs = 0;
+    bool answers = false;
+  };
+  [[nodiscard]] Condition condition(std::size_t program) const;
 
  private:
   enum class State : std::uint8_t {
@@ -48,6 +58,7 @@ class Supervisor {
     State state = State::waiting;
     pid_t pid = 0;  // while running or leaving
     tn::Clock::time_point began{};
+    std::uint32_t starts = 0;  // that succeeded
     RestartPause pause;
     tn::Timer timer;
   };
@@ -57,11 +68,13 @@ class Supervisor {
   void closeRound();
   void stopNext();
   void say(std::size_t program, std::string_view what);
+  [[nodiscard]] std::uint64_t ranMs(const Seat& seat) const;
 
   const std::vector<Program>& programs_;
   tn::ThinRunner& runner_;
   Processes& processes_;
   Enquiry& enquiry_;
+  Listener& listener_;
   std::function<void()> allStopped_;
   Vigil vigil_;
   tn::Timer round_;

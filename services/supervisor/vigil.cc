@@ -1,5 +1,7 @@
 #include "services/supervisor/vigil.h"
 
+#include <utility>
+
 namespace tnrun {
 
 std::vector<std::size_t> Vigil::closeRound() {
@@ -12,7 +14,7 @@ std::vector<std::size_t> Vigil::closeRound() {
     } else if (busTurns || i == broker_) {
       ++seat.silent;
     }
-    seat.answered = false;
+    seat.before = std::exchange(seat.answered, false);
     if (seat.silent >= patience) hung.push_back(i);
   }
   return hung;

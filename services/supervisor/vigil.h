@@ -21,13 +21,16 @@ class Vigil {
   void answered(std::size_t program) { seats_[program].answered = true; }
   // A program was started, or ended: it begins anew.
   void forgive(std::size_t program) { seats_[program] = {}; }
+  // Whether the program has answered in this round or the one before.
+  [[nodiscard]] bool answers(std::size_t program) const { return seats_[program].answered || seats_[program].before; }
   // Ends the round. Returns the programs that are hung now; each is named again every round until forgiven.
   [[nodiscard]] std::vector<std::size_t> closeRound();
 
  private:
   struct Seat {
-    bool answered = false;
-    unsigned silent = 0;  // rounds in a row
+    bool answered = false;  // in this round
+    bool before = false;    // in the round before
+    unsigned silent = 0;    // rounds in a row
   };
 
   std::vector<Seat> seats_;

@@ -24,7 +24,7 @@ class ProcessesTest : public ::testing::Test {
   }
 
   [[nodiscard]] std::string script() const { return folder + "/program"; }
-  std::expected<pid_t, int> startScript(const std::string& text) {
+  std::expected<Started, int> startScript(const std::string& text) {
     std::ofstream(script()) << "#!/bin/sh\n" << text << "\n";
     chmod(script().c_str(), 0755);
     return processes.start(script());
@@ -36,9 +36,19 @@ class ProcessesTest : public ::testing::Test {
   }
   // Runs the script and gives its exit status.
   int run(const std::string& text) {
-    const auto pid = startScript(text);
-    EXPECT_TRUE(pid.has_value());
-    return pid ? WEXITSTATUS(statusOf(*pid)) : -1;
+    const auto started = startScript(text);
+    EXPECT_TRUE(started.has_value());
+    return started ? WEXITSTATUS(statusOf(started->pid)) : -1;
+  }
+  // All that comes out of a pipe until it ends.
+  static std::string readAll(const UniqueFd& fd) {
+    std::string all;
+    std::string part(65536, '\0');
+    for (ssize_t count = 1; count > 0;) {
+      count = read(fd.get(), part.data(), part.size());
+      if (count > 0) all.append(part, 0, static_cast<std::size_t>(count));
+    }
+    return all;
   }
 
   std::string folder;
@@ -50,25 +60,25 @@ TEST_F(ProcessesTest, StartsAProgram) {
 }
 
 TEST_F(ProcessesTest, AProgramThatIsNotThereIsToldAndLeavesNoChild) {
-  const auto pid = processes.start("/nowhere/program");
-  ASSERT_FALSE(pid.has_value());
-  EXPECT_EQ(pid.error(), ENOENT);
+  const auto started = processes.start("/nowhere/program");
+  ASSERT_FALSE(started.has_value());
+  EXPECT_EQ(started.error(), ENOENT);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(ProcessesTest, AFileThatIsNoProgramIsTold) {
-  const auto pid = processes.start(folder);
-  ASSERT_FALSE(pid.has_value());
-  EXPECT_EQ(pid.error(), EACCES);
+  const auto started = processes.start(folder);
+  ASSERT_FALSE(started.has_value());
+  EXPECT_EQ(started.error(), EACCES);
 }
 
 TEST_F(ProcessesTest, AProgramHasAGroupOfItsOwn) {
-  const auto pid = startScript("exec sleep 60");
-  ASSERT_TRUE(pid.has_value());
-  EXPECT_EQ(getpgid(*pid), *pid);
-  processes.signal(*pid, SIGTERM);
-  const int status = statusOf(*pid);
+  const auto started = startScript("exec sleep 60");
+  ASSERT_TRUE(started.has_value());
+  EXPECT_EQ(getpgid(started->pid), started->pid);
+  processes.signal(started->pid, SIGTERM);
+  const int status = statusOf(started->pid);
   ASSERT_TRUE(WIFSIGNALED(status));
   EXPECT_EQ(WTERMSIG(status), SIGTERM);
 }
@@ -80,8 +90,31 @@ TEST_F(ProcessesTest, AProgramInheritsNoDescriptorButTheFirstThree) {
   close(extra);
 }
 
-TEST_F(ProcessesTest, StandardErrorGoesWhereTheLogGoes) {
-  EXPECT_EQ(run("test \"$(readlink /proc/$$/fd/1)\" = \"$(readlink /proc/$$/fd/2)\""), 0);
+TEST_F(ProcessesTest, WhatItWritesComesThroughPipesOfItsOwn) {
+  const auto started = startScript("echo log; echo trouble >&2");
+  ASSERT_TRUE(started.has_value());
+  EXPECT_EQ(readAll(started->output), "log\n");
+  EXPECT_EQ(readAll(started->errors), "trouble\n");
+  EXPECT_EQ(statusOf(started->pid), 0);
+}
+
+TEST_F(ProcessesTest, AFloodLosesNothing) {
+  const auto started = startScript("seq 1 100000");
+  ASSERT_TRUE(started.has_value());
+  std::string expected;
+  for (int i = 1; i <= 100000; ++i)
+    expected += std::to_string(i) + "\n";
+  EXPECT_TRUE(readAll(started->output) == expected);
+  EXPECT_EQ(statusOf(started->pid), 0);
+}
+
+TEST_F(ProcessesTest, ThePipesEndWithTheProgram) {
+  const auto started = startScript("exec sleep 60");
+  ASSERT_TRUE(started.has_value());
+  processes.signal(started->pid, SIGKILL);
+  statusOf(started->pid);
+  EXPECT_EQ(readAll(started->output), "");
+  EXPECT_EQ(readAll(started->errors), "");
 }
 
 TEST_F(ProcessesTest, ASignalThatIsBlockedOrIgnoredHereIsNotThere) {
@@ -91,10 +124,10 @@ TEST_F(ProcessesTest, ASignalThatIsBlockedOrIgnoredHereIsNotThere) {
   sigprocmask(SIG_BLOCK, &set, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   for (const int number : {SIGTERM, SIGPIPE}) {
-    const auto pid = startScript("exec sleep 60");
-    ASSERT_TRUE(pid.has_value());
-    processes.signal(*pid, number);
-    const int status = statusOf(*pid);
+    const auto started = startScript("exec sleep 60");
+    ASSERT_TRUE(started.has_value());
+    processes.signal(started->pid, number);
+    const int status = statusOf(started->pid);
     EXPECT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), number);
   }

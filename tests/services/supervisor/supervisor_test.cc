@@ -21,10 +21,10 @@ struct Signal {
 // Hands out process ids from 101 up.
 class FakeProcesses : public Processes {
  public:
-  std::expected<pid_t, int> start(const std::string& path) override {
+  std::expected<Started, int> start(const std::string& path) override {
     started.push_back(path);
     if (refuse != 0) return std::unexpected(refuse);
-    return ++last;
+    return Started{++last, UniqueFd(), UniqueFd()};
   }
   void signal(pid_t pid, int number) override { signals.push_back({pid, number}); }
 
@@ -32,6 +32,18 @@ class FakeProcesses : public Processes {
   std::vector<Signal> signals;
   int refuse = 0;
   pid_t last = 100;
+};
+
+// Notes what it is told.
+class FakeListener : public Listener {
+ public:
+  void began(std::size_t program, UniqueFd, UniqueFd) override { told.push_back("began " + std::to_string(program)); }
+  void ended(std::size_t program) override { told.push_back("ended " + std::to_string(program)); }
+  void say(Stream stream, std::string_view line) override {
+    told.push_back((stream == Stream::errors ? "! " : ": ") + std::string(line));
+  }
+
+  std::vector<std::string> told;
 };
 
 // Everybody answers at once who is in `alive`.
@@ -63,8 +75,9 @@ class SupervisorTest : public ::testing::Test {
   tn::fakes::FakeRunner runner;
   FakeProcesses processes;
   FakeEnquiry enquiry;
+  FakeListener listener;
   int allStopped = 0;
-  Supervisor supervisor{programs, 0, runner, processes, enquiry, [this] { ++allStopped; }};
+  Supervisor supervisor{programs, 0, runner, processes, enquiry, listener, [this] { ++allStopped; }};
 };
 
 using Paths = std::vector<std::string>;
@@ -196,6 +209,66 @@ TEST_F(SupervisorTest, TheWatchdogIsOffWhileStopping) {
   runner.advance(60'000);
   EXPECT_EQ(enquiry.asked, asked);
   EXPECT_EQ(processes.signals, (Signals{{www, SIGTERM}, {www, SIGKILL}}));
+}
+
+TEST_F(SupervisorTest, TheListenerIsToldInOrder) {
+  EXPECT_EQ(listener.told, (std::vector<std::string>{": tnrun: started busd, process 101", "began 0",
+                                                     ": tnrun: started sermgr, process 102", "began 1",
+                                                     ": tnrun: started www, process 103", "began 2"}));
+  listener.told.clear();
+  supervisor.onEnded(www, crashed);
+  // The last words come first.
+  EXPECT_EQ(listener.told,
+            (std::vector<std::string>{"ended 2", "! tnrun: www was ended by signal 11, starting again in 200 ms"}));
+  listener.told.clear();
+  runner.advance(RestartPause::firstMs);
+  EXPECT_EQ(listener.told, (std::vector<std::string>{": tnrun: started www, process 104", "began 2"}));
+}
+
+TEST_F(SupervisorTest, WhatEndsWhileStoppingHasLastWordsToo) {
+  supervisor.stop();
+  listener.told.clear();
+  supervisor.onEnded(www, endedWell);
+  EXPECT_EQ(listener.told, std::vector<std::string>{"ended 2"});
+}
+
+TEST_F(SupervisorTest, TheConditionOfAProgram) {
+  runner.advance(500);
+  EXPECT_EQ(supervisor.condition(2).pid, www);
+  EXPECT_EQ(supervisor.condition(2).startedAgain, 0U);
+  EXPECT_EQ(supervisor.condition(2).runningMs, 500U);
+  EXPECT_FALSE(supervisor.condition(2).answers);
+  runner.advance(Supervisor::roundMs);
+  EXPECT_TRUE(supervisor.condition(2).answers);
+
+  supervisor.onEnded(www, crashed);
+  EXPECT_EQ(supervisor.condition(2).pid, 0);
+  EXPECT_EQ(supervisor.condition(2).runningMs, 0U);
+  EXPECT_FALSE(supervisor.condition(2).answers);
+  runner.advance(RestartPause::firstMs + 7);
+  EXPECT_EQ(supervisor.condition(2).pid, next);
+  EXPECT_EQ(supervisor.condition(2).startedAgain, 1U);
+  EXPECT_EQ(supervisor.condition(2).runningMs, 7U);
+  EXPECT_EQ(supervisor.condition(1).startedAgain, 0U);
+}
+
+TEST_F(SupervisorTest, SilenceShowsInTheConditionBeforeItIsTooLong) {
+  runner.advance(2 * Supervisor::roundMs);
+  enquiry.alive = {0, 1};
+  runner.advance(2 * Supervisor::roundMs);
+  EXPECT_FALSE(supervisor.condition(2).answers);
+  EXPECT_TRUE(supervisor.condition(1).answers);
+  EXPECT_EQ(processes.signals, Signals{});
+}
+
+TEST_F(SupervisorTest, AnAttemptThatFailedIsNoStart) {
+  processes.refuse = ENOENT;
+  supervisor.onEnded(www, crashed);
+  runner.advance(RestartPause::firstMs);
+  EXPECT_EQ(supervisor.condition(2).startedAgain, 0U);
+  processes.refuse = 0;
+  runner.advance(2 * RestartPause::firstMs);
+  EXPECT_EQ(supervisor.condition(2).startedAgain, 1U);
 }
 
 }  // namespace

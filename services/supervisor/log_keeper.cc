@@ -1,0 +1,125 @@
+#include "services/supervisor/log_keeper.h"
+
+#include <cerrno>
+#include <chrono>
+#include <unistd.h>
+#include <utility>
+
+namespace tnrun {
+namespace {
+
+constexpr std::size_t readBytes = 64U << 10U;
+// What is read of a pipe in a row at the most: somebody who writes without end holds nobody else up.
+constexpr int maxReads = 32;
+
+std::uint64_t nowMs() {
+  const auto since = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(since).count());
+}
+
+}  // namespace
+
+LogKeeper::LogKeeper(tn::ThinRunner& runner, const std::vector<Program>& programs, Journal& journal, Outlet& output,
+                     Outlet& errors)
+    : runner_(runner),
+      programs_(programs),
+      journal_(journal),
+      output_(output),
+      errors_(errors),
+      buffer_(readBytes),
+      seats_(programs.size()) {
+  for (Seat& seat : seats_) {
+    seat.rest.setCallback([this, &seat] { runner_.changeSocket(seat.output.fd.get(), tn::readable); });
+  }
+}
+
+LogKeeper::~LogKeeper() {
+  for (const Seat& seat : seats_) {
+    runner_.removeSocket(seat.output.fd.get());
+    runner_.removeSocket(seat.errors.fd.get());
+  }
+}
+
+void LogKeeper::began(std::size_t program, UniqueFd output, UniqueFd errors) {
+  Seat& seat = seats_[program];
+  seat.output.fd = std::move(output);
+  seat.errors.fd = std::move(errors);
+  watch(program, seat.output, &LogKeeper::onOutput);
+  watch(program, seat.errors, &LogKeeper::onErrors);
+}
+
+void LogKeeper::watch(std::size_t program, Pipe& pipe, void (LogKeeper::*onEvent)(std::size_t program)) {
+  runner_.addSocket(pipe.fd.get(), tn::readable,
+                    [this, program, onEvent](int, unsigned) { (this->*onEvent)(program); });
+}
+
+void LogKeeper::onOutput(std::size_t program) {
+  if (take(program, Stream::output) != Got::all) return;
+  Seat& seat = seats_[program];
+  runner_.changeSocket(seat.output.fd.get(), 0);
+  seat.rest.start(runner_.timers(), restMs);
+}
+
+void LogKeeper::onErrors(std::size_t program) {
+  takeAll(program, Stream::output);
+  take(program, Stream::errors);
+}
+
+// What the program left behind may hold the other ends of its pipes, but has been killed.
+void LogKeeper::ended(std::size_t program) {
+  for (const Stream stream : {Stream::output, Stream::errors}) {
+    takeAll(program, stream);
+    if (pipeOf(program, stream).fd) close(program, stream);
+  }
+}
+
+void LogKeeper::takeAll(std::size_t program, Stream stream) {
+  for (int reads = 0; reads < maxReads && take(program, stream) == Got::some; ++reads) {
+  }
+}
+
+// One read. All: the pipe is empty now; some: there may be more; end: it is closed.
+LogKeeper::Got LogKeeper::take(std::size_t program, Stream stream) {
+  Pipe& pipe = pipeOf(program, stream);
+  if (!pipe.fd) return Got::end;
+  const ssize_t count = read(pipe.fd.get(), buffer_.data(), buffer_.size());
+  if (count < 0 && errno == EINTR) return Got::some;
+  if (count < 0 && errno == EAGAIN) return Got::all;
+  if (count <= 0) {
+    close(program, stream);
+    return Got::end;
+  }
+  std::string passed;
+  const std::string_view bytes(buffer_.data(), static_cast<std::size_t>(count));
+  pipe.cutter.feed(bytes, [&](const LineCutter::Piece& piece) { note(program, stream, piece, passed); });
+  if (!passed.empty()) output_.write(passed);
+  return bytes.size() < buffer_.size() ? Got::all : Got::some;
+}
+
+void LogKeeper::close(std::size_t program, Stream stream) {
+  Pipe& pipe = pipeOf(program, stream);
+  std::string passed;
+  pipe.cutter.finish([&](const LineCutter::Piece& piece) { note(program, stream, piece, passed); });
+  if (!passed.empty()) output_.write(passed);
+  if (stream == Stream::output) seats_[program].rest.cancel();
+  runner_.removeSocket(pipe.fd.get());
+  pipe.fd.reset();
+}
+
+void LogKeeper::note(std::size_t program, Stream stream, const LineCutter::Piece& piece, std::string& passed) {
+  passed += piece.text;
+  if (piece.ends) passed += '\n';
+  if (piece.begins) journal_.add(programs_[program].name, stream, piece.text, nowMs());
+}
+
+void LogKeeper::say(Stream stream, std::string_view line) {
+  journal_.add(ownName, stream, line, nowMs());
+  (stream == Stream::output ? output_ : errors_).write(std::string(line) + '\n');
+}
+
+LogKeeper::Pipe& LogKeeper::pipeOf(std::size_t program, Stream stream) {
+  Seat& seat = seats_[program];
+  return stream == Stream::output ? seat.output : seat.errors;
+}
+
+}  // namespace tnrun
