@@ -53,6 +53,7 @@ UniqueFd takeStopSignals() {
 
 int main() {
   (void)signal(SIGPIPE, SIG_IGN);
+  (void)signal(SIGXFSZ, SIG_IGN);  // of its log, where files are limited
   // Large frames come and go in blocks of their own length; each is to return to the system when it is done.
   constexpr int ownBlockBytes = 128 << 10;
   mallopt(M_MMAP_THRESHOLD, ownBlockBytes);

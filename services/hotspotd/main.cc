@@ -16,6 +16,7 @@ constexpr char statePath[] = "/rw/store/hotspot.conf";
 // The hotspot service: adds servers of its own to the HTTP server, and answers their requests with a login page.
 int main() {
   signal(SIGPIPE, SIG_IGN);  // a log whose reader is gone must not end the service
+  signal(SIGXFSZ, SIG_IGN);  // nor a file that may not grow
   tn::Looper::Tuning tuning{};
   tuning.id = busId;
   tn::Looper looper(tuning);

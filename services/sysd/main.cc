@@ -9,6 +9,7 @@
 // The status service: tells how the machine is, and lists the files of the user store.
 int main() {
   signal(SIGPIPE, SIG_IGN);  // a log whose reader is gone must not end the service
+  signal(SIGXFSZ, SIG_IGN);  // nor a file that may not grow
   tn::Looper::Tuning tuning{};
   tuning.id = sysd::busId;
   tn::Looper looper(tuning);

@@ -34,6 +34,7 @@ std::size_t descriptorLimit() {
 
 int main() {
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);  // a file that may not grow must not end the service
   tn::Looper::Tuning tuning{};
   tuning.id = busId;
   tn::Looper looper(tuning);

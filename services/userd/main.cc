@@ -43,6 +43,7 @@ bool makeSettings(userd::Service::Settings& settings) {
 // The user service: keeps the users and looks at their passwords.
 int main() {
   signal(SIGPIPE, SIG_IGN);  // a log whose reader is gone must not end the service
+  signal(SIGXFSZ, SIG_IGN);  // nor a file that may not grow
   keepSecrets();
   userd::Service::Settings settings{};
   if (!makeSettings(settings)) {

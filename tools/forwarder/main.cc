@@ -54,6 +54,7 @@ int main(int count, char** words) {
   const auto tag = numberOf(count == 4 ? words[3] : "0");
   if (!address || !serverPort || *serverPort > maxPort || !tag) return explain();
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
   tn::EpollRunner runner;
   forwarder::Forwarder forwarder(*serverPort, *tag, runner);
   if (!forwarder.listen(*address)) {
