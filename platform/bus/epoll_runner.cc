@@ -1,5 +1,6 @@
 #include "platform/bus/epoll_runner.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/ioctl.h>
 #include <utility>
@@ -196,7 +197,17 @@ bool EpollRunner::turn(bool mayWait) {
   timers().setNow(Clock::now());
   for (int i = 0; i < count; ++i)
     note(events_[static_cast<std::size_t>(i)]);
-  if (callReady()) timers().runExpired(timers().now());
+  const bool toldAll = kernelToldAll(count);
+  if (callReady() && toldAll) timers().runExpired(timers().now());
+  return true;
+}
+
+// Whether no socket can be ready that the kernel had no room to tell of: no timer runs before it, as its peer was not
+// silent. The kernel takes turns, so after waits for as many as there are it has told of each, whatever has come since.
+bool EpollRunner::kernelToldAll(int count) {
+  told_ += static_cast<std::size_t>(std::max(count, 0));
+  if (count == static_cast<int>(events_.size()) && told_ < slots_.size()) return false;
+  told_ = 0;
   return true;
 }
 

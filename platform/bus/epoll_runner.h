@@ -69,6 +69,7 @@ class EpollRunner : public ThinRunner {
   void enqueue(int fd, Slot& slot);
   void note(const epoll_event& event);
   void call(const Entry& entry);
+  [[nodiscard]] bool kernelToldAll(int count);
   [[nodiscard]] bool callReady();
 
   UniqueFd epoll_;
@@ -78,6 +79,7 @@ class EpollRunner : public ThinRunner {
   std::vector<Entry> round_;    // those being called
   std::vector<Entry> unknown_;  // sockets that the kernel does not know yet
   std::vector<epoll_event> events_;
+  std::size_t told_ = 0;  // events since a wait ended with room left for more
 };
 
 }  // namespace tn

@@ -73,6 +73,29 @@ TEST_F(WaitingTest, ACallbackThatWaitsEndsTheTurn) {
   EXPECT_EQ(told, (Events{"first", "second", "third", "fourth", "late", "timer"}));
 }
 
+TEST_F(WaitingTest, SocketsThatTheKernelHadNoRoomToTellOfComeBeforeTheTimers) {
+  runner.addTimer(2000, [this] { told.emplace_back("timer"); });
+  const Ready waiting(runner, wait("waited"));
+  turn();
+  std::vector<Ready> many;
+  for (int i = 0; i < 150; ++i)
+    many.emplace_back(runner, note("socket"));
+  for (int i = 0; i < 3; ++i)
+    turn();
+  ASSERT_EQ(told.size(), 152U);
+  EXPECT_EQ(told.back(), "timer");
+}
+
+TEST_F(WaitingTest, SocketsThatAreAlwaysReadyDoNotKeepTheTimersOff) {
+  runner.addTimer(0, [this] { told.emplace_back("timer"); });
+  std::vector<Ready> many;
+  for (int i = 0; i < 150; ++i)
+    many.emplace_back(runner, [](int, unsigned) {});
+  for (int i = 0; i < 20 && told.empty(); ++i)
+    turn();
+  EXPECT_EQ(told, Events{"timer"});
+}
+
 TEST_F(WaitingTest, ATimerThatIsArmedAfterTheWaitCountsFromItsEnd) {
   const Ready waiting(runner, [this](int fd, unsigned events) {
     wait("waited")(fd, events);
