@@ -3,7 +3,7 @@
 All serve the same folder from one process with one worker, access log off, on a loopback port of their own.
 """
 
-import os
+import contextlib
 import pathlib
 import shutil
 import signal
@@ -75,8 +75,9 @@ def wait_for_port(port, seconds=10.0):
 def descendants(pid):
     found = [pid]
     for task in pathlib.Path(f"/proc/{pid}/task").glob("*/children"):
-        for child in task.read_text().split():
-            found += descendants(int(child))
+        with contextlib.suppress(OSError):  # it may end meanwhile
+            for child in task.read_text().split():
+                found += descendants(int(child))
     return found
 
 
@@ -112,6 +113,8 @@ class Server:
             self.pids = descendants(self.process.pid)
 
     def stop(self):
+        everyone = [pid for process in [self.process, *self.others] if process.poll() is None
+                    for pid in descendants(process.pid)]
         for process in [self.process, *self.others]:
             if process.poll() is None:
                 process.send_signal(signal.SIGTERM)
@@ -121,6 +124,10 @@ class Server:
             except subprocess.TimeoutExpired:
                 process.kill()
                 process.wait()
+        # What bwrap held ends a moment after it, and would be in the way of the next in the same image.
+        end = time.monotonic() + 5
+        while any(pathlib.Path(f"/proc/{pid}").exists() for pid in everyone) and time.monotonic() < end:
+            time.sleep(0.01)
 
 
 def spawn(cpu, *command, **options):
@@ -135,28 +142,33 @@ def write_conf(work, name, text, **values):
     return path
 
 
-def start_nginx(work, tree, cpu):
+# `under` is a command that the program is to run under, such as a simulator of the processor.
+
+
+def start_nginx(work, tree, cpu, under=(), **options):
     port = free_port()
     conf = write_conf(work, "nginx.conf", NGINX, tree=tree, port=port)
-    return Server("nginx", port, spawn(cpu, shutil.which("nginx", path=SBIN), "-p", work, "-c", conf))
+    # A simulator follows one process.
+    alone = ("-g", "master_process off;") if under else ()
+    return Server("nginx", port, spawn(cpu, *under, shutil.which("nginx", path=SBIN), "-p", work, "-c", conf, *alone, **options))
 
 
-def start_lighttpd(work, tree, cpu):
+def start_lighttpd(work, tree, cpu, under=(), **options):
     port = free_port()
     conf = write_conf(work, "lighttpd.conf", LIGHTTPD, tree=tree, port=port)
-    return Server("lighttpd", port, spawn(cpu, shutil.which("lighttpd", path=SBIN), "-D", "-f", conf))
+    return Server("lighttpd", port, spawn(cpu, *under, shutil.which("lighttpd", path=SBIN), "-D", "-f", conf, **options))
 
 
-def start_h2o(work, tree, cpu):
+def start_h2o(work, tree, cpu, under=(), **options):
     port = free_port()
     conf = write_conf(work, "h2o.conf", H2O, tree=tree, port=port)
-    return Server("h2o", port, spawn(cpu, shutil.which("h2o", path=SBIN), "-m", "worker", "-c", conf))
+    return Server("h2o", port, spawn(cpu, *under, shutil.which("h2o", path=SBIN), "-m", "worker", "-c", conf, **options))
 
 
-def start_bare(work, tree, cpu, build, file, keep):
+def start_bare(work, tree, cpu, build, file, keep, under=(), **options):
     port = free_port()
-    return Server("bare loop", port,
-                  spawn(cpu, build / "bin" / "bare_loop", port, tree / file, "keep" if keep else "close"))
+    return Server("bare loop", port, spawn(cpu, *under, build / "bin" / "bare_loop", port, tree / file,
+                                           "keep" if keep else "close", **options))
 
 
 SBIN = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
@@ -202,14 +214,23 @@ def send_record(root, port, seconds=10.0):
         raise RuntimeError(f"www refused the record: {tarnbus.error_of(reply)}")
 
 
-def start_www(work, tree, cpu, build, log=subprocess.DEVNULL):
+def lend_host(root):
+    """Makes the commands of the machine run in the image, too."""
+    for place, target in (("lib", "usr/lib"), ("lib64", "usr/lib64"), ("bin/sh", "/usr/bin/sh")):
+        if not (root / place).is_symlink():
+            (root / place).symlink_to(target)
+    return ["--ro-bind", "/usr", "/usr"]
+
+
+def start_www(work, tree, cpu, build, under=(), **options):
     port = free_port()
     enter, root = stage(work, build, tree)
     busd = spawn(1 - cpu, *enter, "/bin/busd")
-    www = spawn(cpu, *enter, "/bin/www", stdout=log)
-    send_record(root, port)
+    www = spawn(cpu, *enter, *(lend_host(root) if under else ()), *under, "/bin/www", **options)
+    send_record(root, port, 60.0 if under else 10.0)
     server = Server("www", port, www, others=[busd])
     wait_for_port(port)
+    # bwrap stays beside the program that it started.
     server.pids = [pid for pid in descendants(www.pid)
-                   if pathlib.Path(f"/proc/{pid}/comm").read_text().strip() == "www"]
+                   if pathlib.Path(f"/proc/{pid}/comm").read_text().strip() not in ("bwrap", "taskset")]
     return server
