@@ -1,78 +1,44 @@
 #include "tools/arguments.h"
 
-#include <charconv>
-#include <optional>
+#include <algorithm>
 
-#include "platform/bus/frame.h"
-#include "platform/bus/text.h"
+#include "tools/names.h"
+#include "tools/verb.h"
 
 namespace tool {
 
 namespace {
 
-struct OperationShape {
-  std::string_view name;
-  Operation operation;
-  std::size_t fewest;
-  std::size_t most;
-  std::string_view usage;
+constexpr OptionShape shapes[] = {
+    {"-n", "--count", Option::count, "N", "end after N frames; the newest N lines"},
+    {"-f", "--follow", Option::follow, "", "go on with new lines as they come"},
+    {"-p", "--program", Option::program, "NAME", "only from or to this program (name or id)"},
+    {"", "--from", Option::from, "NAME", "only from this program"},
+    {"", "--to", Option::to, "NAME", "only to this program"},
+    {"", "--path", Option::path, "PATH", "only to this handler, and answers from it"},
+    {"-c", "--command", Option::command, "COMMAND", "only with this command, and answers to it"},
+    {"-k", "--kind", Option::kind, "KIND", "only request, reply, error, message, bounced or control"},
+    {"", "--markdown", Option::markdown, "", "as the page of the documents"},
+    {"-t", "--timeout", Option::timeout, "MS", "how long to wait for the bus and for an answer (5000)"},
+    {"-l", "--lines", Option::lines, "", "show messages in the line form, one a line"},
+    {"-j", "--json", Option::json, "", "show messages as JSON, one a line"},
+    {"-q", "--quiet", Option::quiet, "", "print nothing but errors"},
+    {"-h", "--help", Option::help, "", "tell about tn, or about the command"},
+    {"", "--version", Option::version, "", "tell the version"},
 };
 
-constexpr OperationShape shapes[] = {
-    {"list", Operation::list, 0, 0, "tn list"},
-    {"call", Operation::call, 2, 3, "tn call PATH COMMAND [MESSAGE]"},
-    {"send", Operation::send, 2, 3, "tn send PATH COMMAND [MESSAGE]"},
-    {"monitor", Operation::monitor, 0, 0, "tn monitor [--count N]"},
-    {"stats", Operation::stats, 0, 0, "tn stats"},
-};
-
-enum class Option : std::uint8_t { help, timeout, count, lineForm, quiet };
-
-struct OptionShape {
-  std::string_view shortName;
-  std::string_view longName;
-  Option option;
-  bool takesValue;
-};
-
-constexpr OptionShape options[] = {
-    {"-h", "--help", Option::help, false},   {"-t", "--timeout", Option::timeout, true},
-    {"-n", "--count", Option::count, true},  {"-j", "--json", Option::lineForm, false},
-    {"-q", "--quiet", Option::quiet, false},
-};
-
-// Texts of the caller, cut and made harmless for a terminal.
-std::string shown(std::string_view text) {
-  constexpr std::size_t most = 60;
-  std::string out = "\"";
-  for (const char c : text.substr(0, most))
-    out += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
-  return out + (text.size() > most ? "...\"" : "\"");
-}
-
-// A whole decimal number or, behind 0x, a hexadecimal one.
-std::optional<std::uint64_t> number(std::string_view text) {
-  const bool isHex = text.starts_with("0x") || text.starts_with("0X");
-  if (isHex) text.remove_prefix(2);
-  std::uint64_t value = 0;
-  const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), value, isHex ? 16 : 10);
-  if (code != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
-
-std::optional<std::uint32_t> number32(std::string_view text) {
-  const auto value = number(text);
-  if (!value || *value > 0xffffffff) return std::nullopt;
-  return static_cast<std::uint32_t>(*value);
-}
+constexpr std::uint32_t everywhere = bitOf(Option::help) | bitOf(Option::version) | bitOf(Option::timeout) |
+                                     bitOf(Option::lines) | bitOf(Option::json) | bitOf(Option::quiet);
 
 class Parser {
  public:
-  Parser(std::span<const char* const> arguments, Arguments& out) : left_(arguments), result_(out) {}
+  Parser(std::span<const char* const> arguments, std::span<const Verb> verbs, Arguments& out)
+      : left_(arguments), verbs_(verbs), result_(out) {}
 
   std::optional<std::string> parse() {
-    if (!readAll() || (!helpWanted_ && !readOperands())) return std::move(error_);
-    if (helpWanted_) result_.operation = Operation::help;
+    if (!readAll()) return std::move(error_);
+    if (result_.help || result_.version) return std::nullopt;
+    if (!checkVerb()) return std::move(error_);
     return std::nullopt;
   }
 
@@ -90,8 +56,11 @@ class Parser {
         optionsEnded = true;
       } else if (!optionsEnded && argument.size() > 1 && argument[0] == '-') {
         if (!readOption(argument)) return false;
+      } else if (!verbGiven_) {
+        verbGiven_ = true;
+        result_.verb = argument;
       } else {
-        operands_.push_back(argument);
+        result_.operands.push_back(argument);
       }
     }
     return true;
@@ -107,136 +76,135 @@ class Parser {
   bool readOption(std::string_view argument) {
     const bool isLong = argument.starts_with("--");
     const std::string_view name = isLong ? argument.substr(0, argument.find('=')) : argument.substr(0, 2);
-    for (const OptionShape& shape : options) {
+    for (const OptionShape& shape : shapes) {
       if (name != (isLong ? shape.longName : shape.shortName)) continue;
       std::optional<std::string_view> value;
       if (name.size() < argument.size()) value = argument.substr(name.size() + (isLong ? 1 : 0));
-      if (value && !shape.takesValue) return fail("option " + std::string(name) + " takes no value");
-      if (!value && shape.takesValue) {
-        if (left_.empty()) return fail("option " + std::string(name) + " needs a number");
+      if (value && shape.value.empty()) return fail("option " + std::string(name) + " takes no value");
+      if (!value && !shape.value.empty()) {
+        if (left_.empty()) return fail("option " + std::string(name) + " needs a value");
         value = next();
       }
+      given_ |= bitOf(shape.option);
       return apply(shape, value.value_or(std::string_view()));
     }
-    return fail("unknown option " + shown(argument));
+    return fail("unknown option " + quoted(argument));
   }
 
   bool apply(const OptionShape& shape, std::string_view value) {
     switch (shape.option) {
       case Option::help:
-        helpWanted_ = true;
-        return true;
-      case Option::lineForm:
-        result_.lineForm = true;
-        return true;
+        return set(result_.help);
+      case Option::version:
+        return set(result_.version);
       case Option::quiet:
-        result_.quiet = true;
+        return set(result_.quiet);
+      case Option::follow:
+        return set(result_.follow);
+      case Option::markdown:
+        return set(result_.markdown);
+      case Option::lines:
+        result_.form = Form::lines;
+        return true;
+      case Option::json:
+        result_.form = Form::json;
         return true;
       case Option::timeout:
         return readTimeout(value);
       case Option::count:
         return readCount(value);
+      case Option::program:
+        return take(result_.program, shape, value);
+      case Option::from:
+        return take(result_.from, shape, value);
+      case Option::to:
+        return take(result_.to, shape, value);
+      case Option::path:
+        return take(result_.path, shape, value);
+      case Option::command:
+        return take(result_.command, shape, value);
+      case Option::kind:
+        return take(result_.kind, shape, value);
     }
     return false;
   }
 
+  static bool set(bool& flag) {
+    flag = true;
+    return true;
+  }
+
+  bool take(std::string_view& where, const OptionShape& shape, std::string_view value) {
+    if (value.empty()) return fail("option " + std::string(shape.longName) + " needs a value");
+    where = value;
+    return true;
+  }
+
   bool readTimeout(std::string_view value) {
-    const auto milliseconds = number32(value);
+    const auto milliseconds = wholeNumber32(value);
     if (!milliseconds || *milliseconds == 0 || *milliseconds > Arguments::maxTimeoutMs) {
-      return fail("--timeout needs milliseconds from 1 to 3600000, not " + shown(value));
+      return fail("--timeout needs milliseconds from 1 to 3600000, not " + quoted(value));
     }
     result_.timeoutMs = *milliseconds;
     return true;
   }
 
   bool readCount(std::string_view value) {
-    const auto count = number(value);
-    if (!count || *count == 0) return fail("--count needs a number above 0, not " + shown(value));
+    const auto count = wholeNumber(value);
+    if (!count || *count == 0) return fail("--count needs a number above 0, not " + quoted(value));
     result_.count = *count;
     return true;
   }
 
-  bool readOperands() {
-    if (operands_.empty()) return fail("what is to be done?");
-    for (const OperationShape& shape : shapes) {
-      if (operands_[0] != shape.name) continue;
-      const std::size_t count = operands_.size() - 1;
-      if (count < shape.fewest || count > shape.most) return fail("usage: " + std::string(shape.usage));
-      result_.operation = shape.operation;
-      if (result_.count != 0 && shape.operation != Operation::monitor) return fail("--count goes with monitor alone");
-      return shape.fewest == 0 || (readPath(operands_[1]) && readCommand(operands_[2]) && readMessage(count));
+  bool checkVerb() {
+    if (!verbGiven_) return fail("what is to be done?");
+    const Verb* const verb = findVerb(verbs_, result_.verb);
+    if (verb == nullptr) return fail("unknown command " + quoted(result_.verb));
+    for (const OptionShape& shape : shapes) {
+      if ((given_ & bitOf(shape.option) & ~everywhere & ~verb->options) == 0) continue;
+      return fail("option " + std::string(shape.longName) + " does not go with " + std::string(verb->name));
     }
-    return fail("unknown operation " + shown(operands_[0]));
-  }
-
-  bool readPath(std::string_view text) {
-    for (std::string_view rest = text;;) {
-      const std::size_t end = std::min(rest.find('/'), rest.size());
-      const auto element = number32(rest.substr(0, end));
-      if (!element) return fail(shown(text) + " is no path such as 68/1");
-      result_.path.push_back(*element);
-      if (end == rest.size()) break;
-      rest.remove_prefix(end + 1);
+    if (result_.operands.size() < verb->fewest || result_.operands.size() > verb->most) {
+      return fail("usage: tn " + std::string(verb->usage));
     }
-    if (result_.operation == Operation::call && result_.path[0] >= tn::firstGroup) {
-      return fail(shown(text) + " is a group: it can be sent to, not called");
-    }
-    return true;
-  }
-
-  bool readCommand(std::string_view text) {
-    auto command = number32(text);
-    if (!command) command = tn::commandNumber(text);
-    if (!command) return fail(shown(text) + " is neither a command's number nor one of its names");
-    result_.command = *command;
-    return true;
-  }
-
-  bool readMessage(std::size_t count) {
-    if (count == 3) result_.message = operands_[3];
     return true;
   }
 
   std::span<const char* const> left_;
-  std::vector<std::string_view> operands_;
-  bool helpWanted_ = false;
+  std::span<const Verb> verbs_;
   Arguments& result_;
+  std::uint32_t given_ = 0;
+  bool verbGiven_ = false;
   std::string error_;
 };
 
 }  // namespace
 
-std::optional<std::string> parseArguments(std::span<const char* const> arguments, Arguments& out) {
-  out = Arguments();
-  return Parser(arguments, out).parse();
+std::span<const OptionShape> optionShapes() {
+  return shapes;
 }
 
-std::string_view helpText() {
-  return R"(tn - talk to the services on the bus
+const Verb* findVerb(std::span<const Verb> verbs, std::string_view name) {
+  const auto found = std::ranges::find(verbs, name, &Verb::name);
+  return found == verbs.end() ? nullptr : &*found;
+}
 
-  tn list                          programs on the bus: id and name
-  tn call PATH COMMAND [MESSAGE]   send a message and show the answer
-  tn send PATH COMMAND [MESSAGE]   send a message that wants no answer
-  tn monitor [--count N]           show what passes over the bus (root only)
-  tn stats                         what the broker has counted
+bool takesOption(const Verb& verb, Option option) {
+  return ((everywhere | verb.options) & bitOf(option)) != 0;
+}
 
-PATH     program and handler: 68/1. Groups (0xff0000 and above) can be sent to.
-COMMAND  a number (0x30003), or: get set reset getObj setObj getAll stopGetAll
-         addObj removeObj moveObj getCount getPolicies shutdown disconnected
-MESSAGE  fields in the line form; - reads it from standard input. A key is the
-         letter of the type and the field's number in hexadecimal:
-           {b1:1,u2:500,q3:0xff,s4:'it\'s',r5:[1,2],m6:{u1:1},a7:[16 bytes]}
-         and the capital letters are lists: {U1:[68,1],S2:['a','b'],M3:[{}]}
+std::optional<std::string> parseArguments(std::span<const char* const> arguments, std::span<const Verb> verbs,
+                                          Arguments& out) {
+  out = Arguments();
+  return Parser(arguments, verbs, out).parse();
+}
 
-  -t, --timeout MS   how long to wait for the bus and for the answer (5000)
-  -n, --count N      end after N frames
-  -j, --json         print messages in the line form, one a line
-  -q, --quiet        print nothing but errors
-  -h, --help         this text
-
-Exit status: 0 done; 1 the answer was an error; 2 wrong usage; 3 the bus or the
-service cannot be reached, or no answer came in time.
-)";
+std::string quoted(std::string_view text) {
+  constexpr std::size_t most = 60;
+  std::string out = "\"";
+  for (const char c : text.substr(0, most))
+    out += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
+  return out + (text.size() > most ? "...\"" : "\"");
 }
 
 }  // namespace tool

@@ -1,37 +1,19 @@
-// tn: the command line of the bus.
+// tn: the bus of the system from a command line.
 
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
-#include <string>
 #include <unistd.h>
 
-#include "platform/bus/frame.h"
-#include "tools/arguments.h"
-#include "tools/reach.h"
-#include "tools/request.h"
-#include "tools/session.h"
+#include "tools/context.h"
 
 namespace {
 
 using tool::Arguments;
 using tool::ExitStatus;
-using tool::Operation;
 
 int exitCode(ExitStatus status) {
   return static_cast<int>(status);
-}
-
-int failUsage(std::string_view error) {
-  tool::printError(error);
-  return exitCode(ExitStatus::usage);
-}
-
-std::optional<std::string> makeRequest(const Arguments& arguments, tn::message& request) {
-  if (arguments.operation != Operation::call && arguments.operation != Operation::send) return std::nullopt;
-  if (arguments.message != "-") return tool::buildRequest(arguments, arguments.message, request);
-  std::string text;
-  if (auto error = tool::readWholeInput(STDIN_FILENO, text)) return error;
-  return tool::buildRequest(arguments, text, request);
 }
 
 // Standard output for the program alone: what the bus library logs there goes to standard error from now on.
@@ -42,34 +24,32 @@ std::FILE* takeOutput() {
   return out != nullptr ? out : stdout;
 }
 
-int runOnBus(const Arguments& arguments, tn::message request) {
-  if (const auto reason = tool::whyUnreachable(tn::busSocketPath)) {
-    tool::printError(*reason);
-    return exitCode(ExitStatus::unreachable);
-  }
-  tn::Looper::Tuning tuning{};
-  // A monitor is ended by Ctrl-C in good order; the others simply stop.
-  tuning.stopSignals = arguments.operation == Operation::monitor ? 0 : 1;
-  tn::Looper looper(tuning);
-  looper.setName("tn");
-  tool::Session session(looper, arguments, std::move(request), takeOutput());
-  return exitCode(session.run());
+// -h stands for help about the verb that is there, if there is one.
+void askForHelp(Arguments& arguments) {
+  arguments.operands.clear();
+  if (tool::findVerb(tool::allVerbs(), arguments.verb) != nullptr) arguments.operands.push_back(arguments.verb);
+  arguments.verb = "help";
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A reader who has gone is told by the write that fails.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   const std::span<char*> words(argv, static_cast<std::size_t>(argc));
   Arguments arguments;
-  if (const auto error = tool::parseArguments(words.subspan(words.empty() ? 0 : 1), arguments)) {
-    return failUsage(*error + " (tn --help tells more)");
+  if (const auto error = tool::parseArguments(words.subspan(words.empty() ? 0 : 1), tool::allVerbs(), arguments)) {
+    tool::printError(*error + " (tn help tells more)");
+    return exitCode(ExitStatus::usage);
   }
-  if (arguments.operation == Operation::help) {
-    const std::string_view help = tool::helpText();
-    std::fwrite(help.data(), 1, help.size(), stdout);
-    return exitCode(ExitStatus::done);
+  const tool::Output::Look look = tool::lookOf(STDOUT_FILENO, arguments);
+  tool::Output output(takeOutput(), look);
+  if (arguments.version) {
+    output.print("tn " TARN_VERSION "\n");
+    return exitCode(output.finish(ExitStatus::done));
   }
-  tn::message request;
-  if (const auto error = makeRequest(arguments, request)) return failUsage(*error);
-  return runOnBus(arguments, std::move(request));
+  if (arguments.help) askForHelp(arguments);
+  tool::Context context(arguments, output);
+  return exitCode(output.finish(tool::findVerb(tool::allVerbs(), arguments.verb)->run(context)));
 }

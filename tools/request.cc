@@ -5,8 +5,8 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "platform/bus/text.h"
 #include "platform/log.h"
+#include "tools/fields.h"
 
 namespace tool {
 
@@ -25,17 +25,28 @@ std::optional<std::string> readWholeInput(int fd, std::string& text) {
   }
 }
 
-std::optional<std::string> buildRequest(const Arguments& arguments, std::string_view text, tn::message& request) {
-  if (const auto error = tn::readText(text, request)) {
-    return std::string("the message is wrong at character ")
-        .append(NumberText(error->position + 1))
-        .append(": expected ")
-        .append(error->expected);
+std::optional<std::string> readMessage(std::span<const std::string_view> words, const tn::FieldNames* names,
+                                       tn::message& out) {
+  if (words.empty()) return std::nullopt;
+  const bool isInput = words[0] == "-";
+  if (!isInput && !words[0].starts_with('{')) return readFields(words, names, out);
+  if (words.size() > 1) return "behind a message nothing else may stand";
+  std::string input;
+  if (isInput) {
+    if (auto error = readWholeInput(STDIN_FILENO, input)) return error;
   }
+  const auto error = tn::readText(isInput ? std::string_view(input) : words[0], out);
+  if (!error) return std::nullopt;
+  return std::string("the message is wrong at character ")
+      .append(NumberText(error->position + 1))
+      .append(": expected ")
+      .append(error->expected);
+}
+
+std::optional<std::string> address(tn::message& request, std::span<const std::uint32_t> path, std::uint32_t command) {
   // The library would take its value for one of this program's own descriptors.
   if (request.has(tn::field::descriptor)) return "a message from here cannot carry a descriptor";
-  if (!request.insert(tn::field::command, arguments.command) ||
-      !request.insert_vector(tn::field::destination, arguments.path)) {
+  if (!request.insert(tn::field::command, command) || !request.insert_vector(tn::field::destination, path)) {
     return "the message is larger than the bus carries";
   }
   return std::nullopt;

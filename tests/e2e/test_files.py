@@ -137,7 +137,7 @@ class Directories(FilesTest):
         self.system.write("/rw/disk/a.txt", b"content")
         result = self.system.tn("call", "24/2", "getAll")
         self.assertEqual(result.returncode, 0, result.stderr)
-        self.assertIn("s1: 'a.txt'", result.stdout)
+        self.assertIn("s1 name: 'a.txt'", result.stdout)
 
 
 if __name__ == "__main__":

@@ -104,7 +104,7 @@ class Figures(StatusTest):
     def test_the_command_line_shows_them(self):
         result = self.system.tn("call", "24/1", "getAll")
         self.assertEqual(result.returncode, 0, result.stderr)
-        self.assertIn(f"s1: '{socket.gethostname()}'", result.stdout)
+        self.assertIn(f"s1 host: '{socket.gethostname()}'", result.stdout)
         self.assertIn("::ffff:127.0.0.1", result.stdout)
 
     def test_bad_input_is_told(self):

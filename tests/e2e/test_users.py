@@ -180,7 +180,7 @@ class Management(UsersTest):
     def test_the_command_line_shows_users(self):
         result = self.system.tn("call", "13/2", "getAll")
         self.assertEqual(result.returncode, 0, result.stderr)
-        self.assertIn("s12: 'administrators'", result.stdout)
+        self.assertIn("s12 group: 'administrators'", result.stdout)
         result = self.system.tn("call", "13/4", "1", "{s1:'admin',s3:'wrong'}")
         self.assertEqual((result.returncode, result.stderr), (1, "tn: error 0xfe0009: wrong user name or password\n"))
 

@@ -6,24 +6,25 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "platform/bus/text.h"
 #include "platform/unique_fd.h"
+#include "tools/names.h"
 
 namespace {
 
-using tool::Arguments;
+using Words = std::vector<std::string_view>;
 
-Arguments addressed() {
-  Arguments arguments;
-  arguments.path = {68, 1};
-  arguments.command = 0xfe0102;
-  return arguments;
+// The message of the words in the line form, or what is wrong; with the names of a user.
+std::string reading(const Words& words) {
+  tn::message msg;
+  const auto names = tool::commandOf(tool::handlerNamed("userd", "users"), tn::command::addObj)->in;
+  const auto error = tool::readMessage(words, names, msg);
+  return error ? *error : tn::writeText(msg);
 }
 
-// The request in the line form, or what is wrong.
-std::string request(std::string_view text, const Arguments& arguments = addressed()) {
+std::string addressed(std::string_view text, const std::vector<std::uint32_t>& path = {68, 1}) {
   tn::message msg;
-  const auto error = tool::buildRequest(arguments, text, msg);
+  EXPECT_FALSE(tn::readText(text, msg));
+  const auto error = tool::address(msg, path, 0xfe0102);
   return error ? *error : tn::writeText(msg);
 }
 
@@ -34,20 +35,16 @@ std::string input(int fd) {
 }
 
 TEST(Request, IsTheMessageAddressed) {
-  EXPECT_EQ(request("{u1:5, s2:'a'}"), "{u1:5,s2:'a',uff0007:16646402,Uff0001:[68,1]}");
+  EXPECT_EQ(addressed("{u1:5, s2:'a'}"), "{u1:5,s2:'a',uff0007:16646402,Uff0001:[68,1]}");
 }
 
 TEST(Request, ItsAddressIsTheCommandLines) {
-  EXPECT_EQ(request("{uff0007:1,Uff0001:[9,9,9]}"), "{uff0007:16646402,Uff0001:[68,1]}");
-}
-
-TEST(Request, SaysWhereTheMessageIsWrong) {
-  EXPECT_EQ(request("{u1:5;}"), "the message is wrong at character 6: expected ',' or '}'");
+  EXPECT_EQ(addressed("{uff0007:1,Uff0001:[9,9,9]}"), "{uff0007:16646402,Uff0001:[68,1]}");
 }
 
 TEST(Request, CarriesNoDescriptor) {
-  EXPECT_EQ(request("{uff0015:1}"), "a message from here cannot carry a descriptor");
-  EXPECT_EQ(request("{sff0015:'x'}"), "{sff0015:'x',uff0007:16646402,Uff0001:[68,1]}");
+  EXPECT_EQ(addressed("{uff0015:1}"), "a message from here cannot carry a descriptor");
+  EXPECT_EQ(addressed("{sff0015:'x'}"), "{sff0015:'x',uff0007:16646402,Uff0001:[68,1]}");
 }
 
 TEST(Request, HasToFitTheBus) {
@@ -56,10 +53,45 @@ TEST(Request, HasToFitTheBus) {
     text.append(",s").append(std::to_string(i)).append(":'").append(65529, 'x').append("'");
   // 64 * 65535 + 5 bytes and the magic leave 57 bytes, room for a command and a path of two.
   text += "}";
-  EXPECT_EQ(request(text).substr(0, 12), "{s99:'',s0:'");
-  Arguments far = addressed();
-  far.path.assign(20, 1);
-  EXPECT_EQ(request(text, far), "the message is larger than the bus carries");
+  EXPECT_EQ(addressed(text).substr(0, 12), "{s99:'',s0:'");
+  EXPECT_EQ(addressed(text, std::vector<std::uint32_t>(20, 1)), "the message is larger than the bus carries");
+}
+
+TEST(Message, IsTheLineFormOrFields) {
+  EXPECT_EQ(reading({}), "{}");
+  EXPECT_EQ(reading({"{u1:5, s2:'a'}"}), "{u1:5,s2:'a'}");
+  EXPECT_EQ(reading({"{u1:5;}"}), "the message is wrong at character 6: expected ',' or '}'");
+  EXPECT_EQ(reading({"{u1:5}", "name=bob"}), "behind a message nothing else may stand");
+  EXPECT_EQ(reading({"name=bob", "hidden=no"}), "{s1:'bob',b1c:0}");
+  EXPECT_EQ(reading({"u1"}), "\"u1\" is neither a message nor FIELD=VALUE");
+}
+
+TEST(Fields, HaveValuesOfTheirType) {
+  EXPECT_EQ(reading({"name=it's=a\\b", "disabled=yes", "policies=0x10", "number=7"}),
+            "{s1:'it\\'s=a\\\\b',bfe000a:1,ub:16,ufe0001:7}");
+  EXPECT_EQ(reading({"full-name="}), "{s11:''}");
+  EXPECT_EQ(reading({"q5=18446744073709551615", "a6=10.0.0.1", "a7=::1", "r8=[1,2]", "m9={u1:5}"}),
+            "{q5:18446744073709551615,a6:[0,0,0,0,0,0,0,0,0,0,255,255,10,0,0,1],"
+            "a7:[0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,1],r8:[1,2],m9:{u1:5}}");
+  EXPECT_EQ(reading({"B1=yes,no", "U2=1,2", "Q3=", "S4=a,b c", "A5=::1", "M6=[{u1:5},{}]", "R7=[[1],[]]", "U8=[3]"}),
+            "{B1:[1,0],U2:[1,2],Q3:[],S4:['a','b c'],A5:[[0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,1]],M6:[{u1:5},{}],"
+            "R7:[[1],[]],U8:[3]}");
+}
+
+TEST(Fields, SayWhatIsWrong) {
+  EXPECT_EQ(reading({"nam=x"}), "no field is called \"nam\"");
+  EXPECT_EQ(reading({"=x"}), "no field is called \"\"");
+  EXPECT_EQ(reading({"x1=x"}), "no field is called \"x1\"");
+  EXPECT_EQ(reading({"u1234567=x"}), "no field is called \"u1234567\"");
+  EXPECT_EQ(reading({"name=a", "s1=b"}), "field s1 is given twice");
+  EXPECT_EQ(reading({"hidden=maybe"}), "field hidden needs yes or no, not \"maybe\"");
+  EXPECT_EQ(reading({"number=-1"}), "field number needs a number from 0 to 4294967295, not \"-1\"");
+  EXPECT_EQ(reading({"U1=1,x"}), "field U1 needs a number from 0 to 4294967295, not \"1,x\"");
+  EXPECT_EQ(reading({"a1=1.2.3"}), "field a1 needs an address, not \"1.2.3\"");
+  EXPECT_EQ(reading({"m1={u1:}"}), "field m1 needs a message such as {u1:5}, not \"{u1:}\"");
+  EXPECT_EQ(reading({"m1={},u9:5"}), "field m1 needs a message such as {u1:5}, not \"{},u9:5\"");
+  const std::string longName = "name=" + std::string(70000, 'x');
+  EXPECT_EQ(reading({longName}).substr(0, 35), "field name needs a shorter text, no");
 }
 
 TEST(Input, IsReadToItsEnd) {
