@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "http/file_answers.h"
 #include "http/file_cache.h"
 #include "http/workspace.h"
 
@@ -44,6 +45,7 @@ void endAllConnections() {
     if (connection.state_ != Connection::State::Ended) connection.destroy();
     all.erase(connection.self_);
   }
+  fileAnswers().clear();
   fileCache().clear();
 }
 

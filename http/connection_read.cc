@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "http/connection.h"
+#include "http/file_answers.h"
 #include "http/file_facts.h"
 #include "http/forward_header.h"
 #include "http/servlet_choice.h"
@@ -162,6 +163,7 @@ void Connection::dispatch() {
   const bool post = request_.method == Method::post;
   if (post && !request_.headers.getHeader("content-length", &bodyLength_)) bodyLength_ = unknownLength;
 
+  fileAnswers().beginRequest(runner_);
   const Target target = splitTarget(request_.uri);
   request_.query.assign(target.query);
   const ServletChoice choice = chooseServlet(server_, target.path);
@@ -173,6 +175,7 @@ void Connection::dispatch() {
     request_.pathInfoSet = true;
     choice.servlet->doMethod(request_, response_);
   }
+  fileAnswers().endRequest();
 
   if (response_.answered()) {
     writeResponse();

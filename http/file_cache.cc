@@ -20,6 +20,11 @@ void* mapSmall(int fd, off_t size) {
 
 }  // namespace
 
+bool isSameFile(const struct stat& a, const struct stat& b) {
+  return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_size == b.st_size && a.st_mode == b.st_mode &&
+         sameTime(a.st_mtim, b.st_mtim) && sameTime(a.st_ctim, b.st_ctim);
+}
+
 CachedFile::CachedFile(UniqueFd fd, const struct stat& status, void* bytes)
     : fd_(std::move(fd)), status_(status), bytes_(bytes), lastModified_(httpDate(status.st_mtim.tv_sec)) {}
 
@@ -30,12 +35,6 @@ CachedFile::~CachedFile() {
 std::string_view CachedFile::mapped() const {
   if (bytes_ == nullptr) return {};
   return {static_cast<const char*>(bytes_), static_cast<std::size_t>(status_.st_size)};
-}
-
-bool CachedFile::is(const struct stat& status) const {
-  return status.st_ino == status_.st_ino && status.st_dev == status_.st_dev && status.st_size == status_.st_size &&
-         status.st_mode == status_.st_mode && sameTime(status.st_mtim, status_.st_mtim) &&
-         sameTime(status.st_ctim, status_.st_ctim);
 }
 
 std::shared_ptr<const CachedFile> FileCache::find(std::string_view path, const struct stat& status) {

@@ -11,6 +11,19 @@
 #include "platform/bus/thin_runner.h"
 #include "platform/unique_fd.h"
 
+// Whether two words of stat(2) are about the same file, unchanged in between.
+[[nodiscard]] bool isSameFile(const struct stat& a, const struct stat& b);
+
+// The head of a response that a file was sent with, and what it was made from. The next response within the same second
+// has mostly the same one.
+struct FileHead {
+  std::string fields;  // of the response, before the writer added its own
+  std::int64_t second = -1;
+  bool cacheable = false;
+  bool keepAlive = false;
+  std::string text;
+};
+
 // One file, open for reading, and a small one mapped as well.
 //
 // Whoever holds it holds the inode, so that no other file can take its number, and both ways to its bytes show them as
@@ -31,13 +44,16 @@ class CachedFile {
   [[nodiscard]] std::string_view mapped() const;
   // Modification time as HTTP date.
   [[nodiscard]] std::string_view lastModified() const { return lastModified_; }
-  [[nodiscard]] bool is(const struct stat& status) const;
+  // The head it was sent with last; the response writer's.
+  [[nodiscard]] FileHead& lastHead() const { return lastHead_; }
+  [[nodiscard]] bool is(const struct stat& status) const { return isSameFile(status, status_); }
 
  private:
   UniqueFd fd_;
   struct stat status_;
   void* bytes_;
   std::string lastModified_;
+  mutable FileHead lastHead_;
 };
 
 // The files served lately, by path. What is not asked for during a while is let go, so that a deleted file's space

@@ -31,6 +31,8 @@ class Writer {
   void build(std::string& head) {
     if (response_.status < 300 && !response_.file.empty() && !openFile()) response_.sendError(404, "");
     if (response_.status >= 300) putErrorPage();
+    if (sameHeadAsLast(head)) return;
+    const std::string ownFields = repeatable() ? std::string(response_.headers.text()) : std::string();
     if (fileOpen()) {
       putFile();
     } else {
@@ -40,12 +42,35 @@ class Writer {
     out_.keepAlive = keepsAlive();
     set("Connection", out_.keepAlive ? "Keep-Alive" : "close");
     response_.printHeading(head);
+    if (repeatable()) {
+      out_.cached->lastHead() = {ownFields, now_, response_.cacheable, out_.keepAlive, head};
+    }
   }
 
  private:
   void set(std::string_view name, std::string_view value) { response_.headers.addHeader(name, value, false); }
   void set(std::string_view name, std::uint32_t value) {
     response_.headers.addHeader(name, std::uint64_t{value}, false);
+  }
+
+  // Whether the head of this response depends on nothing but the file and what FileHead holds.
+  [[nodiscard]] bool repeatable() const {
+    return out_.cached && response_.status == 200 && response_.statusText.empty() && request_.method == Method::get &&
+           !request_.headers.hasHeader("range");
+  }
+
+  // True: the file was sent in this second with the very head that is due now.
+  bool sameHeadAsLast(std::string& head) {
+    if (!repeatable()) return false;
+    const FileHead& last = out_.cached->lastHead();
+    if (last.second != now_ || last.cacheable != response_.cacheable || last.fields != response_.headers.text() ||
+        last.keepAlive != mayKeepAlive()) {
+      return false;
+    }
+    out_.fileRemaining = static_cast<std::uint32_t>(out_.cached->status().st_size);
+    out_.keepAlive = last.keepAlive;
+    head.append(last.text);
+    return true;
   }
 
   [[nodiscard]] bool fileOpen() const { return out_.fileFd || out_.cached; }
@@ -118,10 +143,9 @@ class Writer {
   void putDates() {
     static DateText date;
     static DateText expiry;
-    const std::int64_t now = std::time(nullptr);
-    set("Date", date.at(now));
+    set("Date", date.at(now_));
     if (response_.cacheable) {
-      set("Expires", expiry.at(now + cacheSeconds));
+      set("Expires", expiry.at(now_ + cacheSeconds));
       set("Cache-Control", cacheControl);
     } else {
       set("Pragma", "no-cache");
@@ -130,17 +154,19 @@ class Writer {
     }
   }
 
-  [[nodiscard]] bool keepsAlive() const {
-    const bool wanted = request_.version <= version10 ? request_.headers.headerHasToken("connection", "keep-alive")
-                                                      : !request_.headers.headerHasToken("connection", "close");
-    return wanted && response_.keepAlivePermitted && openConnections <= keepAliveConnections &&
-           response_.headers.hasHeader("content-length");
+  // Whether request, response and load allow it.
+  [[nodiscard]] bool mayKeepAlive() const {
+    if (!response_.keepAlivePermitted || openConnections > keepAliveConnections) return false;
+    return request_.version <= version10 ? request_.headers.headerHasToken("connection", "keep-alive")
+                                         : !request_.headers.headerHasToken("connection", "close");
   }
+  [[nodiscard]] bool keepsAlive() const { return mayKeepAlive() && response_.headers.hasHeader("content-length"); }
 
   const Request& request_;
   Response& response_;
   tn::ThinRunner& runner_;
   Outgoing& out_;
+  const std::int64_t now_ = std::time(nullptr);
   std::optional<struct stat> status_;  // of the open file; nothing when fstat failed
 };
 

@@ -34,13 +34,13 @@ bool isPlainPath(std::string_view path) {
   return true;
 }
 
-// Whether a directory on the way to the file, or the last piece itself, holds the marker.
-bool isMarkedPublic(std::string_view path) {
+// Whether a directory on the way to the file, or the last piece itself, holds the marker. Pieces are joined as from
+// "/".
+bool isMarkedPublic(std::string_view path, tn::FileView& view) {
   std::string prefix;
   for (const std::string& piece : tokenize(path, '/')) {
-    if (!prefix.empty()) prefix += '/';
-    prefix += piece;
-    if (tn::fileExists(prefix + std::string(publicMarker), 0)) return true;
+    prefix.append("/").append(piece);
+    if (view.status(prefix + std::string(publicMarker))) return true;
   }
   return false;
 }
@@ -53,55 +53,78 @@ bool offersGzip(const Request& request) {
 }  // namespace
 
 DirServlet::DirServlet(std::string root, bool isPublic, bool cacheable)
-    : Servlet("GET, HEAD"), root_(std::move(root)), isPublic_(isPublic), cacheable_(cacheable) {}
+    : Servlet("GET, HEAD"), root_(std::move(root)), isPublic_(isPublic), cacheable_(cacheable) {
+  fileAnswers().prepare();
+}
+
+bool DirServlet::rootIsDirectory(tn::FileView& view) const {
+  const std::optional<struct stat> status = view.status(root_);
+  return status && S_ISDIR(status->st_mode);
+}
 
 bool DirServlet::isDirectory() {
-  struct stat status {};
-  knownDirectory_ = stat(root_.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  const FileAnswer* known = fileAnswers().find(&root_, {});
+  if (known == nullptr) {
+    known = fileAnswers().keep(&root_, {}, [this](tn::FileView& view, FileAnswer& answer) {
+      const std::optional<struct stat> status = view.status(root_);
+      if (status) answer = {root_, *status, {}, false};
+      return status.has_value();
+    });
+  }
+  tn::FileView view;
+  knownDirectory_ = known != nullptr ? S_ISDIR(known->status.st_mode) : rootIsDirectory(view);
   return *knownDirectory_;
 }
 
 void DirServlet::doGet(Request& request, Response& response) {
-  const std::optional<bool> known = std::exchange(knownDirectory_, std::nullopt);
+  const std::optional<bool> directory = std::exchange(knownDirectory_, std::nullopt);
   const std::string& wanted = request.pathInfoSet ? request.pathInfo : request.uri;
+  if (const FileAnswer* known = fileAnswers().find(this, wanted)) return answer(*known, request, response);
   if (!isPlainPath(wanted)) {
     response.sendError(404, "");
     return;
   }
-  std::string path = root_;
-  if (known ? *known : isDirectory()) path.append("/").append(wanted);
-  if (isPublic_ && !isMarkedPublic(path)) {
-    response.sendError(403, "");
-    return;
+  const auto lookAnew = [&](tn::FileView& view, FileAnswer& found) {
+    return look(wanted, rootIsDirectory(view), view, found) == 0;
+  };
+  if (const FileAnswer* kept = fileAnswers().keep(this, wanted, lookAnew)) return answer(*kept, request, response);
+  tn::FileView view;
+  FileAnswer found;
+  if (const int error = look(wanted, directory ? *directory : isDirectory(), view, found); error != 0) {
+    response.sendError(error, "");
+  } else {
+    answer(found, request, response);
   }
-  serve(std::move(path), request, response);
 }
 
-void DirServlet::serve(std::string path, const Request& request, Response& response) const {
-  tn::FoundFile found = tn::lookupFile(path);
+int DirServlet::look(std::string_view wanted, bool directory, tn::FileView& view, FileAnswer& answer) const {
+  std::string path = root_;
+  if (directory) path.append("/").append(wanted);
+  if (isPublic_ && !isMarkedPublic(path, view)) return 403;
+  tn::FoundFile found = tn::lookupFile(path, view);
   while (found.status && S_ISDIR(found.status->st_mode)) {
     path += "/index.html";
-    found = tn::lookupFile(path);
+    found = tn::lookupFile(path, view);
   }
   // A compressed variant has the content type of the file it stands for.
-  const std::string_view contentType = getContentType(found.path, nullptr);
-  if (found.status) {
-    sendFile(std::move(found), contentType, response);
-    return;
-  }
-  found = tn::lookupFile(path + ".gz");
-  if (!found.status) {
-    response.sendError(404, "");
-  } else if (!offersGzip(request)) {
-    response.sendError(406, "");
-  } else {
-    response.headers.addHeader("Content-Encoding", "gzip", false);
-    sendFile(std::move(found), contentType, response);
-  }
+  answer.contentType = getContentType(found.path, nullptr);
+  answer.compressed = !found.status;
+  if (answer.compressed) found = tn::lookupFile(path + ".gz", view);
+  if (!found.status) return 404;
+  answer.path = std::move(found.path);
+  answer.status = *found.status;
+  return 0;
 }
 
-void DirServlet::sendFile(tn::FoundFile found, std::string_view contentType, Response& response) const {
-  rememberFile(found.path, *found.status);
-  response.sendFile(std::move(found.path), contentType, false);
+void DirServlet::answer(const FileAnswer& found, const Request& request, Response& response) const {
+  if (found.compressed) {
+    if (!offersGzip(request)) {
+      response.sendError(406, "");
+      return;
+    }
+    response.headers.addHeader("Content-Encoding", "gzip", false);
+  }
+  rememberFile(found.path, found.status);
+  response.sendFile(found.path, found.contentType, false);
   response.cacheable = cacheable_;
 }

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "http/file_answers.h"
 #include "platform/bus/files.h"
 #include "platform/web/servlet.h"
 
@@ -19,8 +20,10 @@ class DirServlet : public Servlet {
   void doGet(Request& request, Response& response) override;
 
  private:
-  void serve(std::string path, const Request& request, Response& response) const;
-  void sendFile(tn::FoundFile found, std::string_view contentType, Response& response) const;
+  [[nodiscard]] bool rootIsDirectory(tn::FileView& view) const;
+  // The file for a path below the servlet; 0, or the status of the error that answers it.
+  [[nodiscard]] int look(std::string_view wanted, bool directory, tn::FileView& view, FileAnswer& answer) const;
+  void answer(const FileAnswer& found, const Request& request, Response& response) const;
 
   std::string root_;
   bool isPublic_;

@@ -22,15 +22,16 @@ std::string joined(std::string_view a, std::string_view b) {
   return out;
 }
 
-// What stat(2) says of `path` below `root`. A NUL would cut the path short for the kernel, so such a file does not
-// exist.
-std::optional<struct stat> statusOf(std::string_view root, const std::string& path) {
-  if (path.find('\0') != std::string::npos) return std::nullopt;
-  struct stat status;
-  const int result = root.empty() ? ::stat(path.c_str(), &status) : ::stat(joined(root, path).c_str(), &status);
-  if (result != 0) return std::nullopt;
-  return status;
-}
+// The file tree that begins at a folder.
+class RootedView : public FileView {
+ public:
+  explicit RootedView(std::string_view root) : root_(root) {}
+  std::optional<struct stat> status(const std::string& path) override { return FileView::status(joined(root_, path)); }
+  std::vector<std::string> names(const std::string& folder) override { return FileView::names(joined(root_, folder)); }
+
+ private:
+  std::string_view root_;
+};
 
 // A name that climbs is not carried over to another folder: there it would lead out of that folder.
 bool climbs(std::string_view path) {
@@ -42,40 +43,25 @@ bool climbs(std::string_view path) {
   return false;
 }
 
-// The packages in byte order.
-std::vector<std::string> packagesUnder(std::string_view root) {
-  std::vector<std::string> names;
-  const auto closeFolder = [](DIR* folder) { ::closedir(folder); };
-  const std::unique_ptr<DIR, decltype(closeFolder)> folder(::opendir(joined(root, packagesFolder).c_str()),
-                                                           closeFolder);
-  if (!folder) return names;
-  while (const dirent* entry = ::readdir(folder.get())) {
-    const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") names.emplace_back(name);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 // The file of the system that stands for a path below the packages' folder.
-std::optional<FoundFile> inSystem(std::string_view root, std::string_view path) {
+std::optional<FoundFile> inSystem(std::string_view path, FileView& view) {
   if (!path.starts_with(packagesFolder)) return std::nullopt;
   std::string_view name = path.substr(packagesFolder.size());
   name.remove_prefix(std::min(name.find_first_not_of('/'), name.size()));
   if (name.empty() || climbs(name)) return std::nullopt;
   FoundFile found{joined(systemFolder, name), std::nullopt};
-  found.status = statusOf(root, found.path);
+  found.status = view.status(found.path);
   if (!found.status) return std::nullopt;
   return found;
 }
 
-std::optional<FoundFile> inPackages(std::string_view root, std::string_view path) {
+std::optional<FoundFile> inPackages(std::string_view path, FileView& view) {
   if (climbs(path)) return std::nullopt;
-  for (const std::string& package : packagesUnder(root)) {
+  for (const std::string& package : view.names(std::string(packagesFolder))) {
     FoundFile found{joined(packagesFolder, package), std::nullopt};
     if (!path.starts_with('/')) found.path += '/';
     found.path += path;
-    found.status = statusOf(root, found.path);
+    found.status = view.status(found.path);
     if (found.status) return found;
   }
   return std::nullopt;
@@ -83,17 +69,43 @@ std::optional<FoundFile> inPackages(std::string_view root, std::string_view path
 
 }  // namespace
 
-FoundFile lookupFileUnder(std::string_view root, std::string_view path) {
-  if (auto found = inSystem(root, path)) return std::move(*found);
+// A NUL would cut the path short for the kernel, so such a file does not exist.
+std::optional<struct stat> FileView::status(const std::string& path) {
+  struct stat status;
+  if (path.find('\0') != std::string::npos || ::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return status;
+}
+
+std::vector<std::string> FileView::names(const std::string& folder) {
+  std::vector<std::string> names;
+  const auto closeFolder = [](DIR* open) { ::closedir(open); };
+  const std::unique_ptr<DIR, decltype(closeFolder)> open(::opendir(folder.c_str()), closeFolder);
+  if (!open) return names;
+  while (const dirent* entry = ::readdir(open.get())) {
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+FoundFile lookupFile(std::string_view path, FileView& view) {
+  if (auto found = inSystem(path, view)) return std::move(*found);
   FoundFile itself{std::string(path), std::nullopt};
-  itself.status = statusOf(root, itself.path);
+  itself.status = view.status(itself.path);
   if (itself.status) return itself;
-  if (auto found = inPackages(root, path)) return std::move(*found);
+  if (auto found = inPackages(path, view)) return std::move(*found);
   return itself;
 }
 
+FoundFile lookupFileUnder(std::string_view root, std::string_view path) {
+  RootedView view(root);
+  return lookupFile(path, view);
+}
+
 FoundFile lookupFile(std::string_view path) {
-  return lookupFileUnder({}, path);
+  FileView view;
+  return lookupFile(path, view);
 }
 
 std::string findFile(std::string_view path, bool packages) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <vector>
 
 namespace tn {
 
@@ -23,6 +24,23 @@ struct FoundFile {
   std::optional<struct stat> status;  // nothing: it does not exist
 };
 [[nodiscard]] FoundFile lookupFile(std::string_view path);
+
+// What a lookup asks of the file system. This one asks the kernel; others may look into another tree, or note down what
+// was asked.
+class FileView {
+ public:
+  FileView() = default;
+  FileView(const FileView&) = delete;
+  FileView& operator=(const FileView&) = delete;
+  virtual ~FileView() = default;
+
+  // What stat(2) says; nothing when it fails.
+  [[nodiscard]] virtual std::optional<struct stat> status(const std::string& path);
+  // The names in a folder but for "." and "..", in byte order; none when it cannot be read.
+  [[nodiscard]] virtual std::vector<std::string> names(const std::string& folder);
+};
+// lookupFile through a view.
+[[nodiscard]] FoundFile lookupFile(std::string_view path, FileView& view);
 
 // Whether a file is there. A relative path is taken from "/". `mode` is an access(2) mode: 0 asks for existence alone.
 [[nodiscard]] bool fileExists(std::string_view path, int mode);

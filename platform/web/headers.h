@@ -49,6 +49,9 @@ class Headers {
   // Appends "Name: value\r\n" for every field, in order.
   void printHeaders(std::string& out) const { out.append(text_); }
 
+  // The same, as a view.
+  [[nodiscard]] std::string_view text() const { return text_; }
+
   // Calls visit(name, value) for each field, in order.
   template <typename Visitor>
   void forEach(Visitor&& visit) const {

@@ -1,7 +1,9 @@
 #include "servlets/dir_servlet.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 
+#include "http/file_answers.h"
 #include "http/file_cache.h"
 #include "http/file_facts.h"
 #include "platform/web/functions.h"
@@ -11,7 +13,10 @@ namespace {
 
 class DirServletTest : public testing::Test {
  protected:
-  void TearDown() override { forgetFile(); }
+  void TearDown() override {
+    forgetFile();
+    fileAnswers().clear();
+  }
 
   // Status and file, and what else the servlet said, in one word.
   std::string get(DirServlet& servlet, const std::string& pathInfo, const std::string& acceptEncoding = "") {
@@ -285,6 +290,49 @@ TEST_F(ServedDirTest, ServesFilesWithAYearOfCaching) {
   const Answer missing = exchange("GET /missing HTTP/1.1\r\nHost: a\r\n\r\n");
   EXPECT_EQ(missing.status, 404);
   EXPECT_EQ(missing.field("cache-control"), "no-store");
+}
+
+TEST_F(ServedDirTest, WhatIsAskedForAgainIsKeptAndLetGoWhenNobodyAsks) {
+  dir.write("web/x", "contents");
+  dir.write("web/y.gz", "compressed");
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(get("x"), "contents");
+    EXPECT_EQ(get("missing"), "404");
+    EXPECT_EQ(get("y"), "406");
+    EXPECT_EQ(get("y", "Accept-Encoding: gzip\r\n"), "compressed");
+  }
+  // Where the file system can prove nothing, nothing is kept.
+  const bool provable = fileAnswers().watches() != 0;
+  EXPECT_EQ(fileAnswers().size(), provable ? 3U : 0U) << "the folder and two files";
+  runner.advance(2 * FileAnswers::sweepMs);
+  EXPECT_EQ(fileAnswers().size(), 0U);
+  EXPECT_EQ(fileAnswers().watches(), 0U);
+}
+
+TEST_F(ServedDirTest, StoresToASharedMappingShowAtOnce) {
+  const std::string path = dir.write("web/x", "contents");
+  const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+  void* bytes = mmap(nullptr, 8, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+  ASSERT_NE(bytes, MAP_FAILED);
+  for (char c = 'a'; c < 'f'; ++c) {
+    *static_cast<char*>(bytes) = c;
+    EXPECT_EQ(get("x"), std::string(1, c) + "ontents");
+  }
+  munmap(bytes, 8);
+}
+
+TEST_F(ServedDirTest, ManyFilesAreBounded) {
+  for (std::size_t i = 0; i < FileAnswers::maxAnswers + 50; ++i) {
+    const std::string name = std::to_string(i);
+    dir.write("web/" + name, name);
+    for (int times = 0; times < 3; ++times)
+      EXPECT_EQ(get(name), name);
+  }
+  EXPECT_LE(fileAnswers().size(), FileAnswers::maxAnswers);
+  for (std::size_t i = 0; i < FileAnswers::maxAnswers + 50; ++i) {
+    dir.write("web/" + std::to_string(i), "new");
+    EXPECT_EQ(get(std::to_string(i)), "new");
+  }
 }
 
 TEST_F(ServedDirTest, FollowsEveryChangeOfAFile) {

@@ -1,0 +1,95 @@
+#include "http/file_answers.h"
+
+#include <bit>
+#include <utility>
+
+#include "http/file_cache.h"
+
+namespace {
+
+constexpr std::uint32_t mostRarely = 1024;  // a proof that cannot be had is tried once in as many requests
+
+}  // namespace
+
+const FileAnswer* FileAnswers::find(const void* owner, std::string_view question) {
+  if (runner_ == nullptr || entries_.empty()) return nullptr;
+  if (!std::exchange(checked_, true)) watch_.check();
+  const auto found = byKey_.find(Key{owner, question});
+  if (found == byKey_.end()) return nullptr;
+  Entry& entry = **found->second;
+  if (!entry.facts_.hold() || !stillSame(entry)) {
+    drop(found->second);
+    return nullptr;
+  }
+  entry.used_ = true;
+  if (found->second != entries_.begin()) entries_.splice(entries_.begin(), entries_, found->second);
+  return &entry.answer;
+}
+
+// Of a folder nothing is told that could go stale unannounced.
+bool FileAnswers::stillSame(Entry& entry) {
+  const std::time_t now = std::time(nullptr);
+  if (now == entry.looked_ || S_ISDIR(entry.answer.status.st_mode)) return true;
+  entry.looked_ = now;
+  struct stat status {};
+  return stat(entry.answer.path.c_str(), &status) == 0 && isSameFile(status, entry.answer.status);
+}
+
+// At the second time, the fourth, the eighth and so on.
+bool FileAnswers::isWanted(const void* owner, std::string_view question) {
+  if (runner_ == nullptr || !watch_.open()) return false;
+  const std::size_t hash = KeyHash()(Key{owner, question});
+  Asked& asked = asked_[hash % asked_.size()];
+  if (asked.hash != hash) asked = {hash, 0};
+  ++asked.times;
+  return asked.times >= 2 && (std::has_single_bit(asked.times) || asked.times % mostRarely == 0);
+}
+
+// Events that came with the watches are heard at the next check.
+const FileAnswer* FileAnswers::insert(std::unique_ptr<Entry> entry) {
+  if (!entry->facts_.hold()) return nullptr;
+  const Key key{entry->owner_, entry->question_};
+  asked_[KeyHash()(key) % asked_.size()] = {};
+  if (entries_.size() >= maxAnswers) drop(std::prev(entries_.end()));
+  entry->looked_ = std::time(nullptr);
+  entries_.push_front(std::move(entry));
+  byKey_.emplace(key, entries_.begin());
+  armSweep();
+  return &entries_.front()->answer;
+}
+
+void FileAnswers::drop(Entries::iterator entry) {
+  byKey_.erase(Key{(*entry)->owner_, (*entry)->question_});
+  entries_.erase(entry);
+}
+
+void FileAnswers::clear() {
+  byKey_.clear();
+  entries_.clear();
+  watch_.close();
+  asked_ = {};
+  if (sweepTimer_ != 0) sweeper_->removeTimer(std::exchange(sweepTimer_, 0));
+}
+
+void FileAnswers::armSweep() {
+  if (sweepTimer_ != 0) return;
+  sweeper_ = runner_;
+  sweepTimer_ = sweeper_->addTimer(sweepMs, [this] { sweep(); });
+}
+
+// With nothing kept nothing is watched either: the kernel need not note what others do.
+void FileAnswers::sweep() {
+  sweepTimer_ = 0;
+  watch_.check();
+  for (auto entry = entries_.begin(); entry != entries_.end();) {
+    const auto current = entry++;
+    if (!std::exchange((*current)->used_, false) || !(*current)->facts_.hold()) drop(current);
+  }
+  if (entries_.empty()) return;
+  sweepTimer_ = sweeper_->addTimer(sweepMs, [this] { sweep(); });
+}
+
+FileAnswers& fileAnswers() {
+  static FileAnswers instance;
+  return instance;
+}

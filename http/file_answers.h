@@ -1,0 +1,118 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <ctime>
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <unordered_map>
+
+#include "http/path_watch.h"
+#include "platform/bus/thin_runner.h"
+
+// The file, or folder, that a question of a servlet leads to.
+struct FileAnswer {
+  std::string path;
+  struct stat status {};
+  std::string_view contentType;  // lives for ever
+  bool compressed = false;       // the ".gz" variant in the place of the file itself
+};
+
+// What servlets have found in the file system lately, kept as long as it is proved to hold (see PathWatch), so that a
+// request for the same costs no look at the file system. A question is an owner and a text.
+//
+// The answer to a question is kept when it is asked for the second time: for one that is asked once the watches would
+// be wasted. Where the proof cannot be had it is tried again ever more rarely. A file that is in use is looked at anew
+// once in a second all the same, for the sake of writers that the kernel does not announce.
+class FileAnswers {
+ public:
+  static constexpr std::size_t maxAnswers = 256;
+  static constexpr std::uint32_t sweepMs = 10000;  // what is unused between two sweeps is let go
+
+  class Entry {
+   public:
+    Entry(const void* owner, std::string_view question) : owner_(owner), question_(question) {}
+
+    FileAnswer answer;
+
+   private:
+    friend class FileAnswers;
+    const void* owner_;
+    std::string question_;
+    PathWatch::Facts facts_;
+    std::time_t looked_ = 0;  // the second in which the file was last looked at
+    bool used_ = true;        // since the last sweep
+  };
+
+  // Opens what the proofs need, as it would be at the first request: a server at rest holds as many descriptors as one
+  // that has worked.
+  void prepare() { (void)watch_.open(); }
+
+  // For every request, after its last byte was read and before a servlet is asked about it: what is known will be
+  // checked before it is used. The runner drives the sweeps.
+  void beginRequest(tn::ThinRunner& runner) {
+    runner_ = &runner;
+    checked_ = false;
+  }
+  // The request is answered. Nothing is known or kept until the next one begins.
+  void endRequest() { runner_ = nullptr; }
+
+  // Null: nothing is kept. The answer dies at the next call.
+  [[nodiscard]] const FileAnswer* find(const void* owner, std::string_view question);
+
+  // After a find that returned null: looks for the answer through `look(view, answer)`, which returns whether there is
+  // one, when it is worth to be kept. Null, and most often `look` was not called: it is not kept.
+  template <typename Look>
+  const FileAnswer* keep(const void* owner, std::string_view question, Look&& look) {
+    if (!isWanted(owner, question)) return nullptr;
+    auto entry = std::make_unique<Entry>(owner, question);
+    WatchedView view(watch_, entry->facts_);
+    return look(static_cast<tn::FileView&>(view), entry->answer) ? insert(std::move(entry)) : nullptr;
+  }
+
+  // Lets everything go. The runner of the last request that kept something must still live.
+  void clear();
+
+  [[nodiscard]] std::size_t size() const { return entries_.size(); }
+  [[nodiscard]] std::size_t watches() const { return watch_.watches(); }
+
+ private:
+  struct Key {
+    const void* owner;
+    std::string_view question;
+    friend bool operator==(const Key&, const Key&) = default;
+  };
+  struct KeyHash {
+    std::size_t operator()(const Key& key) const {
+      return std::hash<std::string_view>()(key.question) ^ std::hash<const void*>()(key.owner);
+    }
+  };
+  // How often a question was asked that has no answer yet; by hash, so that others may share the place.
+  struct Asked {
+    std::size_t hash = 0;
+    std::uint32_t times = 0;
+  };
+  using Entries = std::list<std::unique_ptr<Entry>>;
+
+  [[nodiscard]] bool isWanted(const void* owner, std::string_view question);
+  const FileAnswer* insert(std::unique_ptr<Entry> entry);
+  [[nodiscard]] static bool stillSame(Entry& entry);
+  void drop(Entries::iterator entry);
+  void armSweep();
+  void sweep();
+
+  PathWatch watch_;
+  Entries entries_;  // the one used last in front; lets go of its watches before `watch_` ends
+  std::unordered_map<Key, Entries::iterator, KeyHash> byKey_;
+  std::array<Asked, 128> asked_{};
+  tn::ThinRunner* runner_ = nullptr;  // of the request; null between two
+  tn::ThinRunner* sweeper_ = nullptr;
+  tn::ThinRunner::TimerHandle sweepTimer_ = 0;
+  bool checked_ = false;  // in this request
+};
+
+// Those of the process.
+[[nodiscard]] FileAnswers& fileAnswers();
