@@ -3,19 +3,10 @@
 #include <algorithm>
 
 #include "platform/bus/text.h"
+#include "services/common/beginning.h"
 
 namespace tnrun {
 namespace {
-
-// The first bytes of a line that is too long; a character is not cut in its middle.
-std::string_view beginning(std::string_view line) {
-  constexpr std::size_t longestCharacter = 4;
-  const auto isWithin = [line](std::size_t at) { return (static_cast<unsigned char>(line[at]) & 0xc0U) == 0x80; };
-  std::size_t end = Journal::maxTextBytes;
-  for (std::size_t back = 1; back < longestCharacter && isWithin(end); ++back)
-    --end;
-  return line.substr(0, end);
-}
 
 bool fits(const Journal::Line& line, const Journal::Query& query) {
   if (!query.program.empty() && line.program != query.program) return false;
@@ -26,7 +17,7 @@ bool fits(const Journal::Line& line, const Journal::Query& query) {
 
 void Journal::add(std::string_view program, Stream stream, std::string_view line, std::uint64_t time) {
   const bool cut = line.size() > maxTextBytes;
-  std::string text = tn::printableText(cut ? beginning(line) : line);
+  std::string text = tn::printableText(service::beginningOf(line, maxTextBytes));
   if (cut) text += cutMark;
   lines_.push_back({++newest_, time, std::string(program), std::move(text), stream});
   bytes_ += cost(lines_.back());

@@ -1,12 +1,13 @@
 #include <csignal>
 
 #include "platform/bus/looper.h"
+#include "services/sysd/console_handler.h"
 #include "services/sysd/file_store.h"
 #include "services/sysd/files_handler.h"
 #include "services/sysd/kernel_source.h"
 #include "services/sysd/status_handler.h"
 
-// The status service: tells how the machine is, and lists the files of the user store.
+// The status service: tells how the machine is, lists the files of the user store, and shows what passes over the bus.
 int main() {
   signal(SIGPIPE, SIG_IGN);  // a log whose reader is gone must not end the service
   signal(SIGXFSZ, SIG_IGN);  // nor a file that may not grow
@@ -19,6 +20,8 @@ int main() {
   const sysd::FileStore store({"/rw/disk", "/flash", "/rw/pckg/flash"});
   sysd::FilesHandler files(store, looper.runner().timers());
   looper.addHandler(sysd::FilesHandler::id, files);
+  sysd::ConsoleHandler console(looper);
+  looper.addHandler(sysd::ConsoleHandler::id, console);
   looper.joinGroup(sysd::sessionGroup);
   looper.run();
   return 0;
