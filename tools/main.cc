@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "platform/unique_fd.h"
 #include "tools/context.h"
 
 namespace {
@@ -16,10 +17,11 @@ int exitCode(ExitStatus status) {
   return static_cast<int>(status);
 }
 
-// Standard output for the program alone: what the bus library logs there goes to standard error from now on.
+// Standard output for the program alone: what the bus library logs there, a person is told in other words.
 std::FILE* takeOutput() {
   const int own = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  if (own < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) return stdout;
+  const UniqueFd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+  if (own < 0 || ::dup2(nowhere ? nowhere.get() : STDERR_FILENO, STDOUT_FILENO) < 0) return stdout;
   std::FILE* const out = ::fdopen(own, "w");
   return out != nullptr ? out : stdout;
 }
