@@ -22,6 +22,7 @@ import time
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 import figures  # noqa: E402
+import machine  # noqa: E402
 import run  # noqa: E402
 import servers  # noqa: E402
 
@@ -42,14 +43,14 @@ def put_first(pids):
 
 
 def honest(server, options):
-    command = ["taskset", "-c", str(LOAD_CPU), *options.first, options.build / "bin/crowd_load", "honest", str(server.port),
+    command = [*machine.on(LOAD_CPU), *options.first, options.build / "bin/crowd_load", "honest", str(server.port),
                str(options.seconds)]
     line = subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
     return [float(word) for word in line.split()]
 
 
 def beside_crowd(server, options):
-    crowd = subprocess.Popen(["taskset", "-c", str(LOAD_CPU), options.build / "bin/crowd_load", "hostile", str(server.port),
+    crowd = subprocess.Popen([*machine.on(LOAD_CPU), options.build / "bin/crowd_load", "hostile", str(server.port),
                               str(options.count)], stdout=subprocess.PIPE, text=True)
     try:
         if crowd.stdout.readline() != "ready\n":

@@ -19,6 +19,7 @@ import tempfile
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 import figures  # noqa: E402
+import machine  # noqa: E402
 import servers  # noqa: E402
 
 CASES = [
@@ -44,7 +45,7 @@ def load(server, case, seconds, cpu):
     """One round of load on one server; returns its figures."""
     _, name, _, connections, keep = case
     before = servers.processor_ns(server.pids)
-    command = ["taskset", "-c", str(cpu), "wrk", "-t1", f"-c{connections}", f"-d{seconds}s", "--latency"]
+    command = [*machine.on(cpu), "wrk", "-t1", f"-c{connections}", f"-d{seconds}s", "--latency"]
     if not keep:
         command += ["-H", "Connection: close"]
     text = subprocess.run([*command, f"http://127.0.0.1:{server.port}/{name}"], check=True, capture_output=True,

@@ -12,7 +12,9 @@ import subprocess
 import sys
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tests" / "e2e"))
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(ROOT / "tests/e2e"), str(ROOT / "bench")]
+import machine  # noqa: E402
 import tarnbus  # noqa: E402
 
 NGINX = """
@@ -133,7 +135,7 @@ class Server:
 def spawn(cpu, *command, **options):
     options.setdefault("stdout", subprocess.DEVNULL)
     options.setdefault("stderr", subprocess.DEVNULL)
-    return subprocess.Popen(["taskset", "-c", str(cpu), *map(str, command)], **options)
+    return subprocess.Popen([*machine.on(cpu), *map(str, command)], **options)
 
 
 def write_conf(work, name, text, **values):
@@ -232,5 +234,5 @@ def start_www(work, tree, cpu, build, under=(), **options):
     wait_for_port(port)
     # bwrap stays beside the program that it started.
     server.pids = [pid for pid in descendants(www.pid)
-                   if pathlib.Path(f"/proc/{pid}/comm").read_text().strip() not in ("bwrap", "taskset")]
+                   if pathlib.Path(f"/proc/{pid}/comm").read_text().strip() != "bwrap"]
     return server

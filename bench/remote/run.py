@@ -22,6 +22,7 @@ import time
 sys.dont_write_bytecode = True
 sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[1] / name) for name in ("http", "")]
 import figures  # noqa: E402
+import machine  # noqa: E402
 import servers  # noqa: E402
 
 KINDS = ("bus", "bare", "www")
@@ -56,7 +57,7 @@ class System:
         protocol = "bus" if kind == "bus" else "http"
         before = servers.processor_ns(self.www)
         output = subprocess.run(
-            ["taskset", "-c", str(self.core), self.build / "bin/remote_round", protocol, str(where), str(outstanding), str(trips)],
+            [*machine.on(self.core), self.build / "bin/remote_round", protocol, str(where), str(outstanding), str(trips)],
             stdout=subprocess.PIPE, check=True, text=True).stdout
         return float(output), (servers.processor_ns(self.www) - before) / 1000 / (trips + 2000)
 

@@ -19,6 +19,7 @@ import tempfile
 sys.dont_write_bytecode = True
 sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[1] / name) for name in ("http", "")]
 import figures  # noqa: E402
+import machine  # noqa: E402
 import servers  # noqa: E402
 from servers import tarnbus  # noqa: E402
 
@@ -116,7 +117,7 @@ def start_nginx(work, tree, root, cpu):
 def load(server, case, build, seconds, cpu):
     _, name, _, connections, keep, unit, _ = case
     before = servers.processor_ns(server.pids)
-    text = subprocess.run(["taskset", "-c", str(cpu), build / "bin/tls_load", str(server.port), f"/{name}",
+    text = subprocess.run([*machine.on(cpu), build / "bin/tls_load", str(server.port), f"/{name}",
                            str(connections), str(seconds), "keep" if keep else "new"], check=True, capture_output=True,
                           text=True).stdout
     used = servers.processor_ns(server.pids) - before

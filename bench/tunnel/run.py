@@ -24,6 +24,7 @@ import time
 sys.dont_write_bytecode = True
 sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[1] / name) for name in ("http", "")]
 import figures  # noqa: E402
+import machine  # noqa: E402
 import servers  # noqa: E402
 
 CONFIGURATION = """<?xml version="1.0" encoding="UTF-8"?>
@@ -43,7 +44,7 @@ class Bench:
 
     def run(self, program, *arguments, core=None):
         core = self.core if core is None else core
-        command = ["taskset", "-c", str(core), self.build / "bin" / program, *map(str, arguments)]
+        command = [*machine.on(core), self.build / "bin" / program, *map(str, arguments)]
         return subprocess.run(command, stdout=subprocess.PIPE, check=True, text=True).stdout
 
     def note(self, case, metric, unit, samples, peer="www"):
@@ -138,7 +139,7 @@ class Bench:
         """Rate, and processor time in ms."""
         target = self.root / "rw/disk/dd"
         before, begin = resource.getrusage(resource.RUSAGE_CHILDREN), time.monotonic()
-        subprocess.run(["taskset", "-c", str(self.core), "dd", "if=/dev/zero", f"of={target}", f"bs={block}",
+        subprocess.run([*machine.on(self.core), "dd", "if=/dev/zero", f"of={target}", f"bs={block}",
                         f"count={FILE_BYTES // block}"], check=True, stderr=subprocess.DEVNULL)
         rate = FILE_BYTES / 1e6 / (time.monotonic() - begin)
         after = resource.getrusage(resource.RUSAGE_CHILDREN)
