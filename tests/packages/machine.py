@@ -16,7 +16,8 @@ TREE = Path(__file__).resolve().parents[2]
 BOOT = Path(__file__).with_name("boot")
 # How long anything may take that should take no time: the machine may be busy.
 PATIENCE = 60.0
-ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root", "DEBIAN_FRONTEND": "noninteractive"}
+ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root", "USER": "root",
+               "DEBIAN_FRONTEND": "noninteractive"}
 
 
 def wait_until(condition, what, patience=PATIENCE):
@@ -82,6 +83,10 @@ class Machine:
             raise AssertionError(f"{' '.join(map(str, command))} ended with {done.returncode}:\n{done.stdout}")
         return done
 
+    def shell(self, line, folder=TREE, **keywords):
+        """Runs a line of a shell in a folder, as somebody who may do everything."""
+        return self.run("sh", "-c", f"cd {folder} && sudo() {{ \"$@\"; }} && {line}", **keywords)
+
     def path(self, name):
         """A path of the machine, as seen from here."""
         return Path(f"/proc/{self.pid}/root{name}")
@@ -100,3 +105,8 @@ class Machine:
             except OSError:
                 pass
         return found
+
+    def await_programs(self, names):
+        """Waits until exactly these programs of the system run, and all of them have joined the bus."""
+        wait_until(lambda: set(self.processes("tarn.service")) == names, f"{names} to run")
+        wait_until(lambda: all(name in self.run("tn", "list", check=False).stdout for name in names - {"busd"}), "all to join")

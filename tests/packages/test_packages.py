@@ -49,6 +49,12 @@ def files_of(pid):
     return [line[len(f"{root}/./"):] for line in found.splitlines()]
 
 
+def commands_of(document):
+    """The commands of a document: the lines of its indented blocks."""
+    text = re.sub("^```.*?^```$", "", (TREE / "docs" / document).read_text(), flags=re.M | re.S)
+    return [line.strip() for line in text.splitlines() if line.startswith("    ")]
+
+
 def packages():
     """The packages' files by their names."""
     return {path.name.split("_")[0]: path for path in PACKAGES.glob("*.deb")}
@@ -100,6 +106,26 @@ class Content(unittest.TestCase):
         output("lintian", "--allow-root", "--fail-on", "error,warning", "--suppress-tags", "no-manual-page", *packages().values())
 
 
+class Documents(unittest.TestCase):
+    def test_they_show_the_examples_as_they_are(self):
+        for document, folder, names in (("writing-a-service.md", "examples", ("greeter.cc", "CMakeLists.txt")),
+                                        ("writing-a-servlet.md", "examples/servlet", ("greeting_servlet.h", "greeting_servlet.cc"))):
+            blocks = re.findall(r"^`(\S+)`:\n\n```\w+\n(.*?)^```$", (TREE / "docs" / document).read_text(), re.M | re.S)
+            self.assertEqual(blocks, [(name, (TREE / folder / name).read_text()) for name in names])
+
+    def test_the_commands_about_packages(self):
+        # What is done by the other tests of this file: making the packages, and installing without them.
+        elsewhere = ("packaging/build", "cmake --install ")
+        with Machine() as machine:
+            machine.path("/etc/apt/apt.conf.d/99-test").write_text('APT::Get::Assume-Yes "true";\n')
+            for command in commands_of("packages.md"):
+                if command.startswith(elsewhere):
+                    continue
+                machine.shell(command)
+                if " install " in command or " restart " in command:
+                    machine.await_programs(PROGRAMS)
+
+
 class Unit(unittest.TestCase):
     """What systemd says of the unit when it only reads it."""
 
@@ -122,6 +148,47 @@ class Unit(unittest.TestCase):
         output("systemd-analyze", "security", "--no-pager", "--offline=yes", f"--threshold={MOST_EXPOSURE}", self.unit)
 
 
+class Prefix(unittest.TestCase):
+    """What `cmake --install` puts below any other folder, without packages."""
+
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        cls.work = Path(folder.name)
+        cls.prefix = cls.work / "prefix"
+        output("cmake", "--install", BUILD, "--prefix", cls.prefix)
+
+    def build(self, name, source):
+        flags = "-Wall -Wextra -Wconversion -Wshadow -Wold-style-cast -Werror"
+        output("cmake", "-S", source, "-B", self.work / name, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_FLAGS={flags}")
+        output("cmake", "--build", self.work / name)
+
+    def test_the_example_is_built_with_it(self):
+        self.build("example", TREE / "examples")
+        self.assertTrue(os.access(self.work / "example" / "greeter", os.X_OK))
+
+    def test_every_header_brings_what_it_needs(self):
+        source = self.work / "all"
+        source.mkdir()
+        include = self.prefix / "include" / "tarn"
+        headers = sorted(str(path.relative_to(include)) for path in include.rglob("*.h"))
+        self.assertIn("platform/bus/looper.h", headers)
+        text = "".join(f'#include "{header}"\n' for header in reversed(headers))
+        (source / "all.cc").write_text(text + "int main() { tn::Looper looper; Request request(false, false); }\n")
+        (source / "CMakeLists.txt").write_text(
+            "cmake_minimum_required(VERSION 3.25)\nproject(all LANGUAGES CXX)\nfind_package(Tarn 0.1 CONFIG REQUIRED)\n"
+            "add_executable(whole all.cc)\ntarget_link_libraries(whole Tarn::bus Tarn::web Tarn::xml Tarn::crypto Tarn::base)\n")
+        self.build("all-build", source)
+
+    def test_the_unit_knows_where_it_was_installed(self):
+        unit = (self.prefix / "lib/systemd/system/tarn.service").read_text()
+        self.assertIn(f"RootDirectory={self.prefix}/lib/tarn/image\n", unit)
+        self.assertIn(f" {self.prefix}/etc/tarn/programs:/tarn/etc/programs ", unit)
+        self.assertEqual((self.prefix / "etc/tarn/programs").read_text(), (TREE / "image/tarn/etc/programs").read_text())
+        self.assertTrue((self.prefix / "share/tarn/web/index2.html").exists())
+
+
 class Life(unittest.TestCase):
     """One machine, from the first installation to the last trace."""
 
@@ -136,8 +203,8 @@ class Life(unittest.TestCase):
         page = wait_until(lambda: self.fetch(url), f"{url} to answer")
         self.assertIn("<title>", page)
 
-    def tn(self, *arguments, **keywords):
-        return self.machine.run("tn", *arguments, **keywords).stdout
+    def tn(self, *arguments):
+        return self.machine.run("tn", *arguments).stdout
 
     def remote(self, *arguments):
         """Through the tunnel, as a browser would."""
@@ -145,10 +212,6 @@ class Life(unittest.TestCase):
 
     def show(self, name):
         return self.machine.run("systemctl", "show", "--value", "-p", name, "tarn").stdout.strip()
-
-    def await_programs(self, names):
-        wait_until(lambda: set(self.machine.processes("tarn.service")) == names, f"{names} to run")
-        wait_until(lambda: all(name in self.tn("list", check=False) for name in names - {"tnrun", "busd"}), "all to join")
 
     def test_life(self):
         with Machine() as self.machine:
@@ -171,7 +234,7 @@ class Life(unittest.TestCase):
         self.assertEqual(self.machine.run("systemctl", "is-enabled", "tarn").stdout, "enabled\n")
         self.await_page(f"{self.url}/")
         self.await_page("https://127.0.0.1:8443/")
-        self.await_programs(PROGRAMS)
+        self.machine.await_programs(PROGRAMS)
         note = self.machine.run("cat", "/var/lib/tarn/rw/store/first-login").stdout
         self.password = re.search("^password (.*)$", note, re.M)[1]
         self.assertIn("user: 'admin'", self.remote("login"))
@@ -219,7 +282,7 @@ class Life(unittest.TestCase):
         unit.write_text("[Service]\nWatchdogSec=3\n")
         self.machine.run("systemctl", "daemon-reload")
         self.machine.run("systemctl", "restart", "tarn")
-        self.await_programs(PROGRAMS)
+        self.machine.await_programs(PROGRAMS)
         hung = self.machine.processes("tarn.service")
         os.kill(hung["tnrun"], signal.SIGSTOP)
         self.await_another("tnrun", hung)
@@ -231,38 +294,46 @@ class Life(unittest.TestCase):
 
     def await_another(self, name, before):
         wait_until(lambda: self.machine.processes("tarn.service").get(name, before[name]) != before[name], f"another {name}")
-        self.await_programs(PROGRAMS)
+        self.machine.await_programs(PROGRAMS)
 
     def a_service_of_ones_own(self):
-        self.machine.run("cp", "-r", "/usr/share/doc/libtarn-dev/examples", "/tmp/greeter")
-        self.machine.run("cmake", "-S", "/tmp/greeter", "-B", "/tmp/greeter/build", "-DCMAKE_BUILD_TYPE=Release",
-                         "-DCMAKE_INSTALL_PREFIX=/usr", "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Wconversion -Wshadow -Werror")
-        self.machine.run("cmake", "--build", "/tmp/greeter/build")
-        self.machine.run("cmake", "--install", "/tmp/greeter/build")
-        with open(self.machine.path("/etc/tarn/programs"), "a", encoding="ascii") as programs:
-            programs.write("greeter -/bin/greeter\n")
-        self.machine.run("systemctl", "restart", "tarn")
-        self.await_programs(PROGRAMS | {"greeter"})
-        self.await_page(f"{self.url}/")
-        self.assertEqual(self.tn("call", "100/1", "0x20001", "{s1:'neighbour'}"), "s1: 'Hello, neighbour'\n")
-        self.assertEqual(self.remote("call", "100/1", "set", "{s1:'Good day'}"), "")
-        self.assertEqual(self.remote("call", "100/1", "0x20001"), "s1: 'Good day, world'\n")
-        self.assertEqual(self.remote("call", "100/1", "get"), "s1: 'Good day'\nu2: 2\n")
+        for command in commands_of("writing-a-service.md"):
+            if command.startswith("tn-remote"):
+                command = command.replace("tn-remote http://127.0.0.1:8080", f"{TREE}/tools/remote/tn-remote {self.url}")
+            self.machine.shell(command, "/tmp", env={"TN_PASSWORD": self.password})
+            if " restart " in command:
+                self.machine.await_programs(PROGRAMS | {"greeter"})
+                self.await_page(f"{self.url}/")
+        self.assertEqual(self.remote("call", "100/1", "set", "{s1:'Good evening'}"), "")
+        self.assertEqual(self.remote("call", "100/1", "0x20001"), "s1: 'Good evening, world'\n")
+        self.assertEqual(self.remote("call", "100/1", "get"), "s1: 'Good evening'\nu2: 3\n")
+        self.who_may_set_the_greeting()
+
+    def who_may_set_the_greeting(self):
+        """A user who may read and no more."""
+        self.tn("call", "13/3", "addObj", "{s1:'readers',ub:0x10}")
+        self.tn("call", "13/2", "addObj", "{s1:'reader',s3:'a password to read with',s12:'readers'}")
+        arguments = (TREE / "tools/remote/tn-remote", "-u", "reader", self.url, "call", "100/1")
+        reader = {"TN_PASSWORD": "a password to read with"}
+        self.assertIn("Good evening", self.machine.run(*arguments, "get", env=reader).stdout)
+        refused = self.machine.run(*arguments, "set", "{s1:'no'}", env=reader, check=False)
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn("not allowed", refused.stdout)
 
     def the_same_version_again(self):
         before = self.machine.processes("tarn.service")["tnrun"]
         self.install(*NAMES)
         wait_until(lambda: self.machine.processes("tarn.service").get("tnrun", before) != before, "the system to be started anew")
-        self.await_programs(PROGRAMS | {"greeter"})
+        self.machine.await_programs(PROGRAMS | {"greeter"})
         self.await_page(f"{self.url}/")
         self.machine.path("/usr/lib/tarn/image/bin/greeter").unlink()
 
     def without_services(self):
         self.machine.run("dpkg", "--remove", "tarn-services")
-        self.await_programs({"tnrun", "busd", "www"})
+        self.machine.await_programs({"tnrun", "busd", "www"})
         self.assertIn("tnrun: userd is not installed", self.machine.run("journalctl", "--no-pager", "-u", "tarn").stdout)
         self.install("tarn-services")
-        self.await_programs(PROGRAMS)
+        self.machine.await_programs(PROGRAMS)
         self.await_page(f"{self.url}/")
 
     def removed_and_installed_again(self):
@@ -274,7 +345,7 @@ class Life(unittest.TestCase):
         for name in ("/var/lib/tarn/rw/store/users.db", "/var/lib/tarn/rw/store/servers.db", *CONFIGURATION):
             self.assertTrue(self.machine.path(name).exists(), name)
         self.install(*NAMES)
-        self.await_programs(PROGRAMS)
+        self.machine.await_programs(PROGRAMS)
         self.await_page(f"{self.url}/")
         self.assertIn("user: 'admin'", self.remote("login"))
 
