@@ -187,19 +187,12 @@ void Connection::setLength(std::size_t length) {
 }
 
 void Connection::takeUpWork() {
-  Workspace workspace = takeWorkspace();
-  buffer_.swap(workspace.buffer);
-  std::swap(request_.headers, workspace.requestHeaders);
-  std::swap(response_.headers, workspace.responseHeaders);
+  takeWorkspace(buffer_, request_.headers, response_.headers);
   working_ = true;
 }
 
 void Connection::layDownWork() {
-  Workspace workspace;
-  buffer_.swap(workspace.buffer);
-  std::swap(request_.headers, workspace.requestHeaders);
-  std::swap(response_.headers, workspace.responseHeaders);
-  giveWorkspace(std::move(workspace));
+  giveWorkspace(buffer_, request_.headers, response_.headers);
   for (std::string* text :
        {&request_.uri, &request_.pathInfo, &request_.query, &response_.statusText, &response_.body, &response_.file}) {
     shed(*text);

@@ -1,25 +1,34 @@
 #include "http/workspace.h"
 
-#include <utility>
-#include <vector>
+#include <array>
 
 namespace {
 
-std::vector<Workspace>& spares() {
-  static std::vector<Workspace> instance;
-  return instance;
+// The first `count` are spare, the others empty.
+struct Spares {
+  std::array<Workspace, Workspace::maxSpare> all;
+  std::size_t count = 0;
+};
+
+Spares spares;
+
+void exchange(Workspace& spare, std::string& buffer, Headers& requestHeaders, Headers& responseHeaders) {
+  spare.buffer.swap(buffer);
+  spare.requestHeaders.swap(requestHeaders);
+  spare.responseHeaders.swap(responseHeaders);
 }
 
 }  // namespace
 
-Workspace takeWorkspace() {
-  if (spares().empty()) return {};
-  Workspace workspace = std::move(spares().back());
-  spares().pop_back();
-  return workspace;
+void takeWorkspace(std::string& buffer, Headers& requestHeaders, Headers& responseHeaders) {
+  if (spares.count != 0) exchange(spares.all[--spares.count], buffer, requestHeaders, responseHeaders);
 }
 
-void giveWorkspace(Workspace workspace) {
-  if (spares().size() == Workspace::maxSpare || workspace.buffer.capacity() > Workspace::maxKeptBuffer) return;
-  spares().push_back(std::move(workspace));
+void giveWorkspace(std::string& buffer, Headers& requestHeaders, Headers& responseHeaders) {
+  if (spares.count != Workspace::maxSpare && buffer.capacity() <= Workspace::maxKeptBuffer) {
+    exchange(spares.all[spares.count++], buffer, requestHeaders, responseHeaders);
+  } else {
+    Workspace dropped;
+    exchange(dropped, buffer, requestHeaders, responseHeaders);
+  }
 }

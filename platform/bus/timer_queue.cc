@@ -43,10 +43,16 @@ Timer::~Timer() {
 
 void Timer::start(TimerQueue& queue, std::uint32_t ms) {
   Lane* lane = lane_;
+  const Clock::time_point deadline = queue.now_ + milliseconds(ms);
+  // Armed again in the same turn, with nobody else in between.
+  if (lane != nullptr && lane->tail == this && lane->ms == ms && &lane->queue == &queue && deadline_ == deadline &&
+      lane != queue.expired_.get()) {
+    return;
+  }
   cancel();
   const bool sameLane = lane != nullptr && &lane->queue == &queue && lane->ms == ms && lane != queue.expired_.get();
   if (!sameLane) lane = &queue.lane(ms);
-  deadline_ = queue.now_ + milliseconds(ms);
+  deadline_ = deadline;
   lane->append(*this);
 }
 

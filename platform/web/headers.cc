@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 
 #include "platform/web/ascii.h"
 #include "platform/web/authority.h"
@@ -49,7 +50,16 @@ void Headers::add(std::string_view name, std::string_view value) {
   if (entries_.capacity() == 0) entries_.reserve(firstFields);
   if (text_.capacity() < firstBytes) text_.reserve(firstBytes);
   entries_.push_back({static_cast<std::uint32_t>(text_.size()), static_cast<std::uint32_t>(name.size())});
-  text_.append(name).append(separator).append(value).append(lineEnd);
+  const std::size_t end = text_.size();
+  const std::size_t grown = end + name.size() + separator.size() + value.size() + lineEnd.size();
+  text_.resize_and_overwrite(grown, [&](char* text, std::size_t) {
+    char* at = text + end;
+    for (const std::string_view piece : {name, separator, value, lineEnd}) {
+      std::memcpy(at, piece.data(), piece.size());
+      at += piece.size();
+    }
+    return grown;
+  });
 }
 
 // Lengthens the value of a field; those behind it move up. An empty value is no element of a list and adds nothing.

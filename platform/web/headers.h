@@ -61,6 +61,10 @@ class Headers {
   [[nodiscard]] std::size_t size() const { return entries_.size(); }
 
   void clear();
+  void swap(Headers& other) {
+    text_.swap(other.text_);
+    entries_.swap(other.entries_);
+  }
 
  private:
   // Field i is text_ from its offset to the offset of the next one: name, ": ", value, CR LF.

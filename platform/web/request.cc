@@ -56,7 +56,7 @@ std::optional<Pieces> split(std::string_view line) {
 
 // Spaces are not visible, so a fourth piece shows as one within the version.
 bool allVisible(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), ascii::isVisible);
+  return std::all_of(text.begin(), text.end(), [](char c) { return ascii::isVisible(c); });
 }
 
 // The version's number for "HTTP/1.x", and for a line without one; nothing for all else.

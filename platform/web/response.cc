@@ -44,14 +44,14 @@ void Response::send(std::string text) {
   sent = true;
 }
 
-void Response::sendFile(std::string path, std::string_view contentType, bool remove) {
+void Response::sendFile(std::string_view path, std::string_view contentType, bool remove) {
   if (!contentType.empty()) {
     headers.addHeader("Content-Type", contentType, false);
   } else if (!headers.hasHeader("content-type")) {
     headers.addHeader("Content-Type", getContentType(path, nullptr), false);
   }
   body.clear();
-  file = std::move(path);
+  file.assign(path);
   deleteFile = remove;
 }
 

@@ -33,7 +33,7 @@ class Response {
   void send(std::string text);
   // Answers with a file of the system; with `remove` it is deleted once it has been opened. With an empty `contentType`
   // the response gets the type that belongs to the path's suffix, unless it has one already.
-  void sendFile(std::string path, std::string_view contentType, bool remove);
+  void sendFile(std::string_view path, std::string_view contentType, bool remove);
   // Answers with an error, or with a status without a body. An empty text means the standard reason phrase; control
   // characters in it become spaces. A body or a file set before is dropped, and with it the header fields that
   // described it: Content-Encoding, and a Content-Type other than that of the error page, "text/html".

@@ -422,9 +422,10 @@ class ConnectionEventsTest : public ConnectionTest {
 
   // What connections hand on to each other is no larger than one of them may need.
   static void checkSpares() {
-    Workspace spare = takeWorkspace();
+    Workspace spare;
+    takeWorkspace(spare.buffer, spare.requestHeaders, spare.responseHeaders);
     EXPECT_LE(spare.buffer.capacity(), Workspace::maxKeptBuffer);
-    giveWorkspace(std::move(spare));
+    giveWorkspace(spare.buffer, spare.requestHeaders, spare.responseHeaders);
   }
 
   std::size_t below(std::size_t limit) { return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random); }

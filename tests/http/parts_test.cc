@@ -49,19 +49,42 @@ TEST(ByteRangeTest, WorksUpToTheLargestSize) {
   EXPECT_FALSE(parseRange("bytes=0-4294967295", 0xFFFFFFFF));
 }
 
+void take(Workspace& workspace) {
+  takeWorkspace(workspace.buffer, workspace.requestHeaders, workspace.responseHeaders);
+}
+
+void give(Workspace& workspace) {
+  giveWorkspace(workspace.buffer, workspace.requestHeaders, workspace.responseHeaders);
+}
+
 TEST(WorkspaceTest, IsHandedRound) {
-  Workspace workspace = takeWorkspace();
-  workspace.buffer.reserve(4000);
+  Workspace workspace;
+  take(workspace);
+  workspace.buffer.reserve(1000);
   const char* const memory = workspace.buffer.data();
-  giveWorkspace(std::move(workspace));
-  EXPECT_EQ(takeWorkspace().buffer.data(), memory);
+  give(workspace);
+  EXPECT_TRUE(workspace.buffer.empty());
+  EXPECT_NE(workspace.buffer.data(), memory);
+  take(workspace);
+  EXPECT_EQ(workspace.buffer.data(), memory);
 }
 
 TEST(WorkspaceTest, LargeBuffersAreNotHandedRound) {
-  Workspace workspace = takeWorkspace();
+  Workspace workspace;
+  take(workspace);
   workspace.buffer.reserve(Workspace::maxKeptBuffer + 1);
-  giveWorkspace(std::move(workspace));
-  EXPECT_LE(takeWorkspace().buffer.capacity(), Workspace::maxKeptBuffer);
+  give(workspace);
+  take(workspace);
+  EXPECT_LE(workspace.buffer.capacity(), Workspace::maxKeptBuffer);
+}
+
+TEST(WorkspaceTest, NoMoreAreKeptThanAreSpare) {
+  for (std::size_t i = 0; i < 2 * Workspace::maxSpare; ++i) {
+    Workspace workspace;
+    workspace.buffer.reserve(1000);
+    give(workspace);
+    EXPECT_LT(workspace.buffer.capacity(), 1000U);
+  }
 }
 
 }  // namespace
