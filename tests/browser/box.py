@@ -4,9 +4,12 @@ POST /OPERATION with a list of arguments in JSON and answers with the result in 
 import hashlib
 import http.server
 import json
+import os
+import signal
 import socket
 import threading
 import time
+from pathlib import Path
 
 import harness
 import rawhttp
@@ -53,13 +56,19 @@ class Box:
         system.start("busd", "sermgr", "userd", "sysd", "tlsd")
         for name in ("sermgr", "userd", "sysd", "tlsd"):
             system.bus_id(name)
-        bus = system.bus()
+        self._set_ports()
+        system.start("www")
+        self._await_page()
+
+    def _set_ports(self):
+        bus = self.system.bus()
         for name, port in (("http", self.port), ("https", self.tls_port)):
             bus.request([68, 1], SET, {("s", 1): name, ("u", 2): port})
         bus.close()
-        system.start("www")
+
+    def _await_page(self):
         harness.wait_until(lambda: not rawhttp.refuses(self.port), "the listener")
-        first = system.path("/rw/store/first-login")
+        first = self.system.path("/rw/store/first-login")
         lines = harness.wait_until(lambda: first.exists() and first.read_text().split(), "the first login")
         self.user, self.password = lines[1], lines[3]
 
@@ -157,6 +166,25 @@ class Box:
                 pass
 
         return Handler
+
+
+class WholeBox(Box):
+    """The whole system under its supervisor, which starts again what ends."""
+
+    def _start(self):
+        system = self.system
+        system.start("tnrun")
+        harness.wait_until(lambda: "sermgr" in system.tn("list").stdout, "the bus")
+        for name in ("sermgr", "userd", "sysd", "tlsd", "www"):
+            system.bus_id(name)
+        self._set_ports()
+        self._await_page()
+
+    def kill(self, name):
+        parent = self.system.programs["tnrun"].pid
+        children = Path(f"/proc/{parent}/task/{parent}/children").read_text().split()
+        pid = next(int(child) for child in children if Path(f"/proc/{child}/comm").read_text().strip() == name)
+        os.kill(pid, signal.SIGKILL)
 
 
 class BusThread:

@@ -2,8 +2,8 @@
 import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
-import { control } from './control.mjs';
-import { figuresMove, launch, logIn, noticed, open, openStatus, sessionState, shots, unnoticed } from './interface.mjs';
+import { control, until } from './control.mjs';
+import { figuresMove, goTo, launch, logIn, noticed, open, openStatus, sessionState, shots, unnoticed } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -94,5 +94,48 @@ test('the password was changed while the server was away', async () => {
   assert.equal(await page.locator('.status').count(), 0);
   await logIn(page, { user: 'carol', password: 'second password' });
   await page.waitForSelector('.status[data-state=live]');
+  await context.close();
+});
+
+test('pages whose services are away say so, and heal', async () => {
+  const { context, page } = await openStatus(browser);
+  // There is no supervisor in this system.
+  await page.getByRole('region', { name: 'Programs' }).getByText('The supervisor does not answer.').waitFor();
+  await page.getByRole('region', { name: 'Web server' }).getByText('The supervisor does not answer.').waitFor();
+  await goTo(page, 'Log');
+  await page.getByText('The supervisor, which keeps the log, does not answer.').waitFor();
+  await goTo(page, 'Sessions');
+  await page.getByText('The supervisor, which knows where the server is, does not answer.').waitFor();
+
+  await control.kill('tlsd');
+  await goTo(page, 'Servers');
+  await page.getByText('The counters stand still. The supervisor does not answer.').waitFor();
+  await page.getByRole('region', { name: 'Certificate' }).getByText('The TLS service does not answer.').waitFor();
+  await page.screenshot({ path: `${shots}/fault-certificate.png` });
+  await control.start('tlsd');
+  await page.getByText('SHA-256 fingerprint').waitFor();
+
+  await control.kill('sysd');
+  await goTo(page, 'Console');
+  await page.getByText('The status service, which watches the bus, does not answer.').waitFor();
+  await page.screenshot({ path: `${shots}/fault-console.png` });
+  await control.start('sysd');
+  await until(async () => {
+    await control.tn('call', '68/1', 'getAll');
+    return (await page.getByRole('log').locator('.line').count()) > 0;
+  }, 'messages to come again');
+  await context.close();
+});
+
+test('a page whose script cannot be fetched says so', async () => {
+  const { context, page } = await openStatus(browser);
+  await context.route('**/assets/**', (route) => route.abort());
+  await page.getByRole('navigation').getByRole('link', { name: 'Users' }).click();
+  await page.getByRole('heading', { level: 1, name: 'Users' }).waitFor();
+  await page.getByText('This page could not be fetched from the server.').waitFor();
+  await context.unroute('**/assets/**');
+  await page.getByRole('button', { name: 'Load anew' }).click();
+  await logIn(page);
+  await page.getByRole('rowheader', { name: 'guests' }).waitFor();
   await context.close();
 });

@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
 import { control, until } from './control.mjs';
-import { account, desktop, figuresMove, get, launch, logIn, open, openStatus, origin, phone, sessionState, shots, waitFor } from './interface.mjs';
+import { account, desktop, figuresMove, get, goTo, launch, logIn, open, openStatus, origin, phone, sessionState, shots, waitFor } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -192,15 +192,26 @@ test('nothing jumps once the page is there', async () => {
   await context.close();
 });
 
-test('the first page is small', async () => {
+test('the first page is small, and others are fetched when they are opened', async () => {
   const { context, page } = await open(browser);
   await page.getByLabel('User name').waitFor();
-  const sent = await page.evaluate(() =>
-    [...performance.getEntriesByType('navigation'), ...performance.getEntriesByType('resource')].map((entry) => entry.encodedBodySize),
-  );
-  assert.ok(sent.length >= 4);
-  const sum = sent.reduce((total, size) => total + size, 0);
+  const fetched = () =>
+    page.evaluate(() =>
+      [...performance.getEntriesByType('navigation'), ...performance.getEntriesByType('resource')]
+        .filter(({ name }) => !name.includes('/jsproxy'))
+        .map((entry) => entry.encodedBodySize),
+    );
+  const login = await fetched();
+  assert.ok(login.length >= 4);
+  await logIn(page);
+  await page.waitForSelector('.status[data-state=live]');
+  const status = await fetched();
+  assert.ok(status.length > login.length, 'the status page was fetched');
+  assert.ok(status.every((size) => size > 0), 'the sizes are known');
+  const sum = status.reduce((total, size) => total + size, 0);
   assert.ok(sum < 60000, `${sum} bytes`);
+  await goTo(page, 'Users');
+  assert.ok((await fetched()).length > status.length, 'the page of users was fetched');
   await context.close();
 });
 

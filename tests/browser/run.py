@@ -26,6 +26,9 @@ import box  # noqa: E402 - found by the line above
 
 # Each suite: the files of its tests and the system that they want.
 SUITES = {
+    "looks": ("looks.test.mjs", box.WholeBox),
+    "console": ("console.test.mjs", box.WholeBox),
+    "system": ("system.test.mjs", box.WholeBox),
     "idle": ("idle.test.mjs", box.Box),
     "servers": ("servers.test.mjs", box.Box),
     "files": ("files.test.mjs", box.Box),

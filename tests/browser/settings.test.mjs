@@ -90,7 +90,7 @@ test('a group has rights and a skin, which its users wear', async () => {
   await dialog.getByLabel('Skin').fill('dusk');
   await dialog.getByRole('button', { name: 'Add' }).click();
   await page.getByRole('row', { name: 'watchers' }).getByText('dusk').waitFor();
-  await page.getByRole('row', { name: 'watchers' }).getByText('see', { exact: true }).waitFor();
+  await page.getByRole('row', { name: 'watchers' }).getByText('see status', { exact: true }).waitFor();
   await control.tn('call', '13/2', 'addObj', "{s1:'wendy',s3:'some password',s12:'watchers'}");
   const wendy = await loggedIn('wendy', 'some password');
   await wendy.page.waitForSelector('.status[data-state=live]');

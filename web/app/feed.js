@@ -7,7 +7,10 @@ export const mostLines = 1000;
 // So near to the end, in pixels, counts as being there.
 const nearEnd = 24;
 
-/** @template T */
+/**
+ * An item that has a `note` is no line but a remark between lines.
+ * @template T
+ */
 export class Feed {
   #render;
   #list;
@@ -19,6 +22,8 @@ export class Feed {
   #held = [];
   #paused = false;
   #follows = true;
+  /** Is told how many lines are held back. @type {((count: number) => void)|undefined} */
+  onHeld;
 
   /**
    * @param {object} options
@@ -75,7 +80,7 @@ export class Feed {
     const items = this.#held.splice(0);
     if (!items.length) return;
     this.#shown.push(...items);
-    this.#list.append(...items.map((item) => h('div', { class: 'line' }, ...this.#render(item))));
+    this.#list.append(...items.map((item) => this.#line(item)));
     const surplus = this.#shown.length - mostLines;
     if (surplus > 0) {
       this.#shown.splice(0, surplus);
@@ -85,9 +90,15 @@ export class Feed {
     if (this.#follows) this.#list.scrollTop = this.#list.scrollHeight;
   }
 
+  #line(item) {
+    if (item.note) return h('div', { class: 'line note' }, item.note);
+    return h('div', { class: 'line' }, ...this.#render(item));
+  }
+
   #showHeld() {
     const count = this.#held.length;
     this.#more.hidden = !count || this.#paused;
+    this.onHeld?.(count);
     setText(this.#more, `${count} new ${count === 1 ? 'line' : 'lines'} below`);
   }
 
@@ -110,12 +121,11 @@ export class Feed {
 
 /** A button that holds a feed. */
 export function pauseButton(feed) {
-  const button = h('button', { type: 'button', 'aria-pressed': 'false', onclick: toggle }, 'Pause');
-  function toggle() {
-    feed.paused = !feed.paused;
+  const button = h('button', { type: 'button', 'aria-pressed': 'false', onclick: () => (feed.paused = !feed.paused) }, 'Pause');
+  feed.onHeld = (count) => {
     button.setAttribute('aria-pressed', String(feed.paused));
-    setText(button, feed.paused ? 'Go on' : 'Pause');
-  }
+    setText(button, !feed.paused ? 'Pause' : count ? `Go on (${count})` : 'Go on');
+  };
   return button;
 }
 
@@ -148,6 +158,7 @@ export class Source {
     this.#turn++;
     this.#after = undefined;
     this.#options.feed.clear();
+    this.#options.feed.paused = false;
     this.#options.feed.tell('');
   }
 
@@ -167,8 +178,12 @@ export class Source {
       await this.ask();
       return;
     }
+    const items = (reply.M1 ?? []).map(read);
+    const lost = Number(reply.q3 ?? 0);
+    if (this.#after !== undefined && lost > 0) items.unshift({ note: `${lost} came too fast to be kept.` });
+    else if (this.#after !== undefined && items.length === most) items.unshift({ note: 'Some came too fast to be shown.' });
     this.#after = newest;
-    feed.add((reply.M1 ?? []).map(read));
+    feed.add(items);
     feed.tell(empty);
   }
 }

@@ -12,6 +12,9 @@ const supervisor = [2, 1];
  * @property {number} restarts  How often it was started again.
  * @property {number} age  In ms, since its start.
  * @property {boolean} answers
+ * @property {number} sent  Messages on the bus.
+ * @property {number} received
+ * @property {number} bounced  Messages of its own that came back.
  */
 
 const readProgram = (message) => ({
@@ -21,6 +24,9 @@ const readProgram = (message) => ({
   restarts: message.u4 ?? 0,
   age: Number(message.q5 ?? 0),
   answers: message.b6 === true,
+  sent: Number(message.q7 ?? 0),
+  received: Number(message.qb ?? 0),
+  bounced: Number(message.q9 ?? 0),
 });
 
 /**

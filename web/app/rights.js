@@ -6,7 +6,7 @@ export const rights = [
   {
     bit: permissions.read,
     title: 'See status and settings',
-    short: 'see',
+    short: 'see status',
     meaning: 'How the machine is, its servers, and the own sessions. Every right to files needs this one.',
   },
   { bit: permissions.readFiles, title: 'Read files', short: 'read files', meaning: 'List and download what lies in the user store.' },
@@ -19,7 +19,7 @@ export const rights = [
   {
     bit: permissions.sensitiveFiles,
     title: 'Files with secrets too',
-    short: 'secrets',
+    short: 'secret files',
     meaning: 'Keys, certificates, databases, backups and private folders, where the rights above permit the file.',
   },
   {

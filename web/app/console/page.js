@@ -29,7 +29,8 @@ const readFrame = (message) => ({
  * @param {{session: import('../../client/index.js').Session}} context
  */
 export function startConsole(place, { session }) {
-  const names = new Map([[0, 'busd']]);
+  const names = new Map([[0, 'busd'], [2, 'tnrun']]);
+  let named = false;
   const nameOf = (id) => names.get(id) ?? String(id);
   const program = h('select', { 'aria-label': 'From or to', onchange: restart }, h('option', { value: '' }, 'All programs'));
   const text = h('input', { type: 'search', placeholder: 'Text', 'aria-label': 'Messages that contain', spellcheck: 'false', autocomplete: 'off', oninput: restartSoon });
@@ -69,9 +70,13 @@ export function startConsole(place, { session }) {
     return [h('time', { datetime: new Date(frame.time).toISOString() }, clockTime(frame.time)), way, size, textOf(frame.text)];
   }
 
-  const asking = poll(session, interval, () => source.ask());
+  const asking = poll(session, interval, async () => {
+    if (!named) await fillPrograms();
+    await source.ask();
+  });
 
   function restart() {
+    clearTimeout(typing);
     source.reset();
     asking.now();
   }
@@ -82,16 +87,18 @@ export function startConsole(place, { session }) {
   }
 
   async function fillPrograms() {
+    named = true;
     const { programs = [] } = await askPrograms(session);
     for (const { name, bus } of programs) {
-      if (!bus) continue;
+      if (!bus || names.has(bus)) continue;
       names.set(bus, name);
       program.append(h('option', { value: bus }, name));
     }
   }
 
-  fillPrograms();
   return {
+    // The server has another id when it was started anew.
+    onOnline: () => (named = false),
     stop() {
       clearTimeout(typing);
       asking.stop();

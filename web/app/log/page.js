@@ -4,7 +4,7 @@ import { h } from '../dom.js';
 import { Feed, Source, pauseButton } from '../feed.js';
 import { clockTime } from '../format.js';
 import { poll } from '../poll.js';
-import { askPrograms, troubleText } from '../programs.js';
+import { troubleText } from '../programs.js';
 
 const path = [2, 2];
 const most = 500;
@@ -28,7 +28,7 @@ const renderLine = ({ time, program, text }) => [
  * @param {{session: import('../../client/index.js').Session}} context
  */
 export function startLog(place, { session }) {
-  const text = h('input', { type: 'search', placeholder: 'Text', 'aria-label': 'Lines that contain', spellcheck: 'false', autocomplete: 'off', oninput: change });
+  const text = h('input', { type: 'search', placeholder: 'Text', 'aria-label': 'Lines that contain', spellcheck: 'false', autocomplete: 'off', oninput: changeSoon });
   const program = h('select', { 'aria-label': 'Program', onchange: change }, h('option', { value: '' }, 'All programs'));
   const feed = new Feed({ label: 'Lines of the log', kind: 'log', render: renderLine });
   const source = new Source(session, {
@@ -36,7 +36,7 @@ export function startLog(place, { session }) {
     command: commands.getAll,
     most,
     fields: () => ({ s3: text.value || undefined, s4: program.value || undefined }),
-    read: readLine,
+    read: (message) => offer(readLine(message)),
     feed,
     get empty() {
       return text.value || program.value ? 'No line fits.' : 'Nothing was written yet.';
@@ -44,6 +44,7 @@ export function startLog(place, { session }) {
     trouble: (failure) => troubleText(failure, 'The supervisor, which keeps the log,'),
   });
   const save = h('button', { type: 'button', onclick: download }, 'Download');
+  const offered = new Set();
   let typing;
 
   place.append(
@@ -58,28 +59,34 @@ export function startLog(place, { session }) {
 
   const asking = poll(session, interval, () => source.ask());
 
-  // While somebody types, nobody wants to see what fits half a word.
   function change() {
     clearTimeout(typing);
-    typing = setTimeout(() => {
-      source.reset();
-      asking.now();
-    }, 250);
+    source.reset();
+    asking.now();
   }
 
-  async function fillPrograms() {
-    const { programs = [] } = await askPrograms(session);
-    program.append(...programs.map(({ name }) => h('option', { value: name }, name)));
+  // While somebody types, nobody wants to see what fits half a word.
+  function changeSoon() {
+    clearTimeout(typing);
+    typing = setTimeout(change, 250);
+  }
+
+  // Whoever has written something can be chosen.
+  function offer(line) {
+    if (line.program && !offered.has(line.program)) {
+      offered.add(line.program);
+      program.append(h('option', { value: line.program }, line.program));
+    }
+    return line;
   }
 
   function download() {
-    const lines = feed.items.map((line) => `${new Date(line.time).toISOString()} ${line.program} ${line.text}\n`);
+    const lines = feed.items.filter(({ note }) => !note).map((line) => `${new Date(line.time).toISOString()} ${line.program} ${line.text}\n`);
     const url = URL.createObjectURL(new Blob(lines, { type: 'text/plain' }));
     h('a', { href: url, download: `log-${new Date().toISOString().slice(0, 19).replaceAll(':', '')}.txt` }).click();
     setTimeout(() => URL.revokeObjectURL(url), 10000);
   }
 
-  fillPrograms();
   return {
     stop() {
       clearTimeout(typing);

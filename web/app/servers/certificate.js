@@ -9,6 +9,8 @@ const path = [12, 1];
 const dayLength = 86400000;
 // A certificate that ends within so many days is worth a word.
 const soon = 30;
+// A service that is away is asked again after so long, in ms.
+const patience = 3000;
 
 const readCertificate = (message) => ({
   subject: message.s1,
@@ -45,6 +47,8 @@ const fact = (title, ...content) => h('div', {}, h('dt', {}, title), h('dd', {},
 export function certificatePanel(session, notices, mayChange) {
   const content = h('div', { class: 'certificate' });
   const buttons = h('div', { class: 'buttons' });
+  let later;
+  let stopped = false;
   const element = h(
     'section',
     { class: 'panel', 'aria-labelledby': 'certificate-title' },
@@ -54,7 +58,10 @@ export function certificatePanel(session, notices, mayChange) {
   );
 
   async function load() {
+    clearTimeout(later);
     const { reply, error } = await session.call(path, commands.get);
+    if (stopped) return;
+    if (error?.serviceAway) later = setTimeout(load, patience);
     if (error) {
       content.replaceChildren(h('p', { class: 'soft' }, troubleText(error, 'The TLS service')));
       buttons.replaceChildren();
@@ -130,5 +137,12 @@ export function certificatePanel(session, notices, mayChange) {
     }).then(load);
   }
 
-  return { element, load };
+  return {
+    element,
+    load,
+    stop() {
+      stopped = true;
+      clearTimeout(later);
+    },
+  };
 }

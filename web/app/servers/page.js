@@ -184,6 +184,7 @@ export function startServers(place, { session, notices }) {
     stop() {
       stopped = true;
       asking.stop();
+      certificate.stop();
     },
   };
 }

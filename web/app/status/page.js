@@ -84,7 +84,9 @@ export function startStatus(place, { session, notices }) {
 
   const server = new WebServer(session);
   const asking = poll(session, interval, async () => {
-    const [list, counters] = await Promise.all([askPrograms(session), server.call(countersHandler, commands.get)]);
+    // One after the other: a connection is enough.
+    const list = await askPrograms(session);
+    const counters = await server.call(countersHandler, commands.get);
     if (list.error) programs.miss(troubleText(list.error, 'The supervisor'));
     else programs.show(list.programs);
     if (counters.error) webServer.miss(troubleText(counters.error, counters.supervisorAway ? 'The supervisor' : 'The server'));

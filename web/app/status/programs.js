@@ -1,6 +1,6 @@
 // The programs of the system: which of them run, and since when.
 import { h, reconcile, setText } from '../dom.js';
-import { duration } from '../format.js';
+import { count, duration } from '../format.js';
 
 // One without an id on the bus has just begun, or is on its way out. The broker answers, and has none.
 function stateOf({ process, bus, answers }) {
@@ -9,24 +9,26 @@ function stateOf({ process, bus, answers }) {
   return bus ? ['lost', 'Does not answer'] : ['off', 'Not on the bus'];
 }
 
-const timesText = (restarts) => (restarts === 0 ? '' : restarts === 1 ? 'started again once' : `started again ${restarts} times`);
+const restartsText = (restarts) => (restarts === 0 ? '' : restarts === 1 ? 'started again once' : `started again ${restarts} times`);
+const bouncedText = (bounced) => (bounced === 0 ? '' : `${count(bounced)} came back`);
 
 class Row {
   #pill = h('span', { class: 'pill' }, h('span', { class: 'dot', 'aria-hidden': 'true' }), h('span', {}));
   #age = h('td', { class: 'number' });
   #restarts = h('span', { class: 'detail' });
-  #process = h('td', { class: 'number wide' });
+  #messages = h('td', { class: 'number wide' });
 
   constructor({ name }) {
-    this.element = h('tr', { 'data-program': name }, h('td', {}, name), h('td', { class: 'program-state' }, this.#pill, this.#restarts), this.#process, this.#age);
+    this.element = h('tr', { 'data-program': name }, h('td', {}, name), h('td', { class: 'program-state' }, this.#pill, this.#restarts), this.#messages, this.#age);
   }
 
   update(program) {
     const [state, text] = stateOf(program);
     this.#pill.dataset.state = state;
     setText(this.#pill.lastChild, text);
-    setText(this.#restarts, timesText(program.restarts));
-    setText(this.#process, program.process ? String(program.process) : '');
+    setText(this.#restarts, [restartsText(program.restarts), bouncedText(program.bounced)].filter(Boolean).join(', '));
+    setText(this.#messages, program.bus ? `${count(program.sent)}, ${count(program.received)}` : '');
+    this.element.title = program.process ? `Process ${program.process}` : '';
     setText(this.#age, program.process ? duration(program.age) : '');
   }
 }
@@ -37,7 +39,7 @@ export class ProgramsPanel {
   #state = h('p', { class: 'detail' }, '\u00a0');
 
   constructor() {
-    const heads = [['Name'], ['State'], ['PID', 'number wide'], ['Runs for', 'number']].map(([title, kind]) => h('th', { scope: 'col', class: kind }, title));
+    const heads = [['Name'], ['State'], ['Messages out, in', 'number wide'], ['Runs for', 'number']].map(([title, kind]) => h('th', { scope: 'col', class: kind }, title));
     this.element = h(
       'section',
       { class: 'panel programs', 'aria-labelledby': 'programs-title' },

@@ -47,7 +47,7 @@ export function startUsers(place, { session, skins }) {
 
   function userRow(user) {
     const name = user.disabled ? [user.name, h('span', { class: 'tag' }, 'disabled')] : [user.name];
-    return row(name, user.fullName, user.group, [
+    return row(name, ['Full name', user.fullName], ['Group', user.group], [
       button('Password', () => givePassword(user), `Password of ${user.name}`),
       button('Change', () => editUser(user), `Change ${user.name}`),
       button('Remove', () => remove(users, user), `Remove ${user.name}`),
@@ -55,7 +55,7 @@ export function startUsers(place, { session, skins }) {
   }
 
   function groupRow(group) {
-    return row([group.name], rightsText(group.policies), group.skin, [
+    return row([group.name], ['May', rightsText(group.policies)], ['Skin', group.skin], [
       button('Change', () => editGroup(group), `Change ${group.name}`),
       button('Remove', () => remove(groups, group), `Remove ${group.name}`),
     ]);
@@ -167,13 +167,16 @@ function table(label, titles, rows) {
   return h('div', { class: 'panel' }, h('table', { class: 'list', role: 'table', 'aria-label': label }, h('thead', {}, h('tr', {}, ...heads)), rows));
 }
 
+// On a phone there are no heads of columns: what a cell is stands beside it.
+const cell = ([title, text]) => h('td', { role: 'cell', 'data-title': title }, text || null);
+
 function row(name, second, third, buttons) {
   return h(
     'tr',
     { role: 'row' },
     h('th', { scope: 'row', role: 'rowheader' }, ...name),
-    h('td', { role: 'cell' }, second),
-    h('td', { role: 'cell' }, third),
+    cell(second),
+    cell(third),
     h('td', { role: 'cell' }, h('div', { class: 'buttons' }, ...buttons)),
   );
 }
