@@ -27,12 +27,16 @@
 #include <poll.h>
 #include <string_view>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/sendfile.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -57,12 +61,15 @@ struct Page {
 };
 static_assert(sizeof(Page) == 512 + maxCalls * nameBytes);
 
-constexpr std::array<const char*, 39> calls = {
-    "",          "read",       "write",    "send",       "sendmsg",    "recvmsg",     "sendfile",     "accept4",
-    "epoll_ctl", "epoll_wait", "open",     "fstat",      "stat",       "lstat",       "mmap",         "socket",
-    "bind",      "listen",     "connect",  "setsockopt", "getsockopt", "getsockname", "getpeername",  "fcntl",
-    "ioctl",     "poll",       "signalfd", "opendir",    "readdir",    "mkdir",       "unlink",       "chmod",
-    "flock",     "realpath",   "access",   "shutdown",   "getrlimit",  "setrlimit",   "epoll_create1"};
+constexpr std::array<const char*, 60> calls = {
+    "",          "read",       "write",    "send",         "sendmsg",    "recvmsg",     "sendfile",      "accept4",
+    "epoll_ctl", "epoll_wait", "open",     "fstat",        "stat",       "lstat",       "mmap",          "socket",
+    "bind",      "listen",     "connect",  "setsockopt",   "getsockopt", "getsockname", "getpeername",   "fcntl",
+    "ioctl",     "poll",       "signalfd", "opendir",      "readdir",    "mkdir",       "unlink",        "chmod",
+    "flock",     "realpath",   "access",   "shutdown",     "getrlimit",  "setrlimit",   "epoll_create1", "recv",
+    "fsync",     "rename",     "pread",    "pwrite",       "fdatasync",  "ftruncate",   "getrandom",     "socketpair",
+    "eventfd",   "fdopendir",  "openat",   "mkdirat",      "renameat2",  "unlinkat",    "fstatat",       "statvfs",
+    "pipe2",     "fallocate",  "fchmod",   "inotify_init1"};
 static_assert(calls.size() <= maxCalls);
 
 consteval std::uint32_t numberOf(std::string_view name) {
@@ -112,20 +119,47 @@ bool fails(std::uint32_t number) {
 
 }  // namespace
 
+// What the linker knows those calls as whose times or sizes the library had to make wider. In CMakeLists.txt, too.
+#if __TIMESIZE == 32
+#define SYMBOL_SENDMSG __sendmsg64
+#define SYMBOL_RECVMSG __recvmsg64
+#define SYMBOL_FSTAT __fstat64_time64
+#define SYMBOL_STAT __stat64_time64
+#define SYMBOL_LSTAT __lstat64_time64
+#define SYMBOL_FSTATAT __fstatat64_time64
+#define SYMBOL_SETSOCKOPT __setsockopt64
+#define SYMBOL_GETSOCKOPT __getsockopt64
+#define SYMBOL_FCNTL __fcntl_time64
+#define SYMBOL_IOCTL __ioctl_time64
+#else
+#define SYMBOL_SENDMSG sendmsg
+#define SYMBOL_RECVMSG recvmsg
+#define SYMBOL_FSTAT fstat64
+#define SYMBOL_STAT stat64
+#define SYMBOL_LSTAT lstat64
+#define SYMBOL_FSTATAT fstatat64
+#define SYMBOL_SETSOCKOPT setsockopt
+#define SYMBOL_GETSOCKOPT getsockopt
+#define SYMBOL_FCNTL fcntl64
+#define SYMBOL_IOCTL ioctl
+#endif
+
 // A call NAME of the library, known to the linker as SYMBOL, that returns FAILURE when it fails.
 #define FAILING(name, symbol, Result, failure, parameters, arguments) \
-  extern "C" Result __real_##symbol parameters;                       \
-  extern "C" Result __wrap_##symbol parameters;                       \
-  extern "C" Result __wrap_##symbol parameters {                      \
-    if (fails(numberOf(name))) return failure;                        \
-    return __real_##symbol arguments;                                 \
+  FAILING_AS(name, symbol, Result, failure, parameters, arguments)
+#define FAILING_AS(name, symbol, Result, failure, parameters, arguments) \
+  extern "C" Result __real_##symbol parameters;                          \
+  extern "C" Result __wrap_##symbol parameters;                          \
+  extern "C" Result __wrap_##symbol parameters {                         \
+    if (fails(numberOf(name))) return failure;                           \
+    return __real_##symbol arguments;                                    \
   }
 
 FAILING("read", read, ssize_t, -1, (int fd, void* data, std::size_t size), (fd, data, size))
 FAILING("write", write, ssize_t, -1, (int fd, const void* data, std::size_t size), (fd, data, size))
 FAILING("send", send, ssize_t, -1, (int fd, const void* data, std::size_t size, int flags), (fd, data, size, flags))
-FAILING("sendmsg", sendmsg, ssize_t, -1, (int fd, const msghdr* header, int flags), (fd, header, flags))
-FAILING("recvmsg", recvmsg, ssize_t, -1, (int fd, msghdr* header, int flags), (fd, header, flags))
+FAILING("sendmsg", SYMBOL_SENDMSG, ssize_t, -1, (int fd, const msghdr* header, int flags), (fd, header, flags))
+FAILING("recvmsg", SYMBOL_RECVMSG, ssize_t, -1, (int fd, msghdr* header, int flags), (fd, header, flags))
 FAILING("sendfile", sendfile64, ssize_t, -1, (int out, int in, off_t* offset, std::size_t size),
         (out, in, offset, size))
 FAILING("accept4", accept4, int, -1, (int fd, sockaddr* address, socklen_t* length, int flags),
@@ -135,18 +169,18 @@ FAILING("epoll_ctl", epoll_ctl, int, -1, (int epoll, int operation, int fd, epol
         (epoll, operation, fd, event))
 FAILING("epoll_wait", epoll_wait, int, -1, (int epoll, epoll_event* events, int count, int timeout),
         (epoll, events, count, timeout))
-FAILING("fstat", fstat64, int, -1, (int fd, struct stat* status), (fd, status))
-FAILING("stat", stat64, int, -1, (const char* path, struct stat* status), (path, status))
-FAILING("lstat", lstat64, int, -1, (const char* path, struct stat* status), (path, status))
+FAILING("fstat", SYMBOL_FSTAT, int, -1, (int fd, struct stat* status), (fd, status))
+FAILING("stat", SYMBOL_STAT, int, -1, (const char* path, struct stat* status), (path, status))
+FAILING("lstat", SYMBOL_LSTAT, int, -1, (const char* path, struct stat* status), (path, status))
 FAILING("mmap", mmap64, void*, MAP_FAILED, (void* at, std::size_t size, int access, int flags, int fd, off_t offset),
         (at, size, access, flags, fd, offset))
 FAILING("socket", socket, int, -1, (int domain, int type, int protocol), (domain, type, protocol))
 FAILING("bind", bind, int, -1, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
 FAILING("listen", listen, int, -1, (int fd, int backlog), (fd, backlog))
 FAILING("connect", connect, int, -1, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
-FAILING("setsockopt", setsockopt, int, -1, (int fd, int level, int option, const void* value, socklen_t length),
+FAILING("setsockopt", SYMBOL_SETSOCKOPT, int, -1, (int fd, int level, int option, const void* value, socklen_t length),
         (fd, level, option, value, length))
-FAILING("getsockopt", getsockopt, int, -1, (int fd, int level, int option, void* value, socklen_t* length),
+FAILING("getsockopt", SYMBOL_GETSOCKOPT, int, -1, (int fd, int level, int option, void* value, socklen_t* length),
         (fd, level, option, value, length))
 FAILING("getsockname", getsockname, int, -1, (int fd, sockaddr* address, socklen_t* length), (fd, address, length))
 FAILING("getpeername", getpeername, int, -1, (int fd, sockaddr* address, socklen_t* length), (fd, address, length))
@@ -161,11 +195,35 @@ FAILING("flock", flock, int, -1, (int fd, int operation), (fd, operation))
 FAILING("realpath", realpath, char*, nullptr, (const char* path, char* resolved), (path, resolved))
 FAILING("access", access, int, -1, (const char* path, int mode), (path, mode))
 FAILING("shutdown", shutdown, int, -1, (int fd, int how), (fd, how))
+FAILING("recv", recv, ssize_t, -1, (int fd, void* data, std::size_t size, int flags), (fd, data, size, flags))
+FAILING("fsync", fsync, int, -1, (int fd), (fd))
+FAILING("fdatasync", fdatasync, int, -1, (int fd), (fd))
+FAILING("rename", rename, int, -1, (const char* from, const char* to), (from, to))
+FAILING("pread", pread64, ssize_t, -1, (int fd, void* data, std::size_t size, off_t at), (fd, data, size, at))
+FAILING("pwrite", pwrite64, ssize_t, -1, (int fd, const void* data, std::size_t size, off_t at), (fd, data, size, at))
+FAILING("ftruncate", ftruncate64, int, -1, (int fd, off_t size), (fd, size))
+FAILING("fallocate", fallocate64, int, -1, (int fd, int mode, off_t at, off_t size), (fd, mode, at, size))
+FAILING("fchmod", fchmod, int, -1, (int fd, mode_t mode), (fd, mode))
+FAILING("getrandom", getrandom, ssize_t, -1, (void* data, std::size_t size, unsigned flags), (data, size, flags))
+FAILING("socketpair", socketpair, int, -1, (int domain, int type, int protocol, int* ends),
+        (domain, type, protocol, ends))
+FAILING("eventfd", eventfd, int, -1, (unsigned count, int flags), (count, flags))
+FAILING("fdopendir", fdopendir, DIR*, nullptr, (int fd), (fd))
+FAILING("mkdirat", mkdirat, int, -1, (int folder, const char* path, mode_t mode), (folder, path, mode))
+FAILING("renameat2", renameat2, int, -1, (int from, const char* old, int to, const char* name, unsigned flags),
+        (from, old, to, name, flags))
+FAILING("unlinkat", unlinkat, int, -1, (int folder, const char* path, int flags), (folder, path, flags))
+FAILING("fstatat", SYMBOL_FSTATAT, int, -1, (int folder, const char* path, struct stat* status, int flags),
+        (folder, path, status, flags))
+FAILING("statvfs", statvfs64, int, -1, (const char* path, struct statvfs* status), (path, status))
+FAILING("pipe2", pipe2, int, -1, (int* ends, int flags), (ends, flags))
+FAILING("inotify_init1", inotify_init1, int, -1, (int flags), (flags))
 FAILING("getrlimit", getrlimit64, int, -1, (int resource, rlimit* limit), (resource, limit))
 FAILING("setrlimit", setrlimit64, int, -1, (int resource, const rlimit* limit), (resource, limit))
 
 // Those with a third argument of their own kind. It is passed on as it came, also where there was none to come.
-#define FAILING_WITH_REST(name, symbol, First, Second, Rest)        \
+#define FAILING_WITH_REST(name, symbol, First, Second, Rest) FAILING_WITH_REST_AS(name, symbol, First, Second, Rest)
+#define FAILING_WITH_REST_AS(name, symbol, First, Second, Rest)     \
   extern "C" int __real_##symbol(First first, Second second, ...);  \
   extern "C" int __wrap_##symbol(First first, Second second, ...);  \
   extern "C" int __wrap_##symbol(First first, Second second, ...) { \
@@ -178,5 +236,15 @@ FAILING("setrlimit", setrlimit64, int, -1, (int resource, const rlimit* limit), 
   }
 
 FAILING_WITH_REST("open", open64, const char*, int, unsigned)
-FAILING_WITH_REST("fcntl", fcntl64, int, int, long)
-FAILING_WITH_REST("ioctl", ioctl, int, unsigned long, void*)
+extern "C" int __real_openat64(int folder, const char* path, int flags, ...);
+extern "C" int __wrap_openat64(int folder, const char* path, int flags, ...);
+extern "C" int __wrap_openat64(int folder, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const auto mode = va_arg(arguments, unsigned);
+  va_end(arguments);
+  if (fails(numberOf("openat"))) return -1;
+  return __real_openat64(folder, path, flags, mode);
+}
+FAILING_WITH_REST("fcntl", SYMBOL_FCNTL, int, int, long)
+FAILING_WITH_REST("ioctl", SYMBOL_IOCTL, int, unsigned long, void*)

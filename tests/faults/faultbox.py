@@ -6,9 +6,11 @@ import os
 import shutil
 import struct
 
+import harness
+
 CALL_COUNT = 64
 USED_AT, NAMES_AT, NAME_BYTES = 40, 512, 16
-FAULT = struct.Struct("=5I")
+FAULT_BYTES = 20
 PAGE_BYTES = NAMES_AT + CALL_COUNT * NAME_BYTES
 
 MEMORY = ("ENOMEM", "ENOBUFS")
@@ -55,6 +57,27 @@ ERRORS = {
     "realpath": ("EIO", "ENOMEM"),
     "access": ("EIO", "EACCES"),
     "shutdown": ("ENOTCONN",),
+    "recv": ("EINTR", "ENOMEM", "ECONNRESET"),
+    "fsync": ("EIO", "ENOSPC"),
+    "fdatasync": ("EIO", "ENOSPC"),
+    "rename": ("EIO", "ENOSPC", "EACCES"),
+    "pread": ("EIO", "EINTR"),
+    "pwrite": ("EIO", "ENOSPC", "EINTR", "EFBIG"),
+    "ftruncate": ("EIO", "EINTR"),
+    "fallocate": ("ENOSPC", "EOPNOTSUPP"),
+    "fchmod": ("EIO", "EPERM"),
+    "getrandom": ("EINTR",),
+    "socketpair": DESCRIPTORS,
+    "eventfd": (*DESCRIPTORS, "ENOMEM"),
+    "fdopendir": ("ENOMEM",),
+    "openat": (*DESCRIPTORS, "ENOMEM", "EACCES", "EIO"),
+    "mkdirat": ("ENOSPC", "EACCES", "ENOMEM"),
+    "renameat2": ("EIO", "ENOSPC", "EACCES", "EINVAL"),
+    "unlinkat": ("EIO", "EACCES"),
+    "fstatat": ("ENOMEM", "EACCES", "EIO"),
+    "statvfs": ("EIO", "ENOMEM", "EACCES"),
+    "pipe2": DESCRIPTORS,
+    "inotify_init1": (*DESCRIPTORS, "ENOMEM"),
     "getrlimit": ("EPERM",),
     "setrlimit": ("EPERM",),
 }
@@ -65,6 +88,9 @@ class Faults:
 
     def __init__(self, system, name):
         shutil.copy(os.path.join(os.environ["TARN_BUILD"], "faults", name), system.path("/bin/" + name))
+        # Numbers are in the order of bytes of the program's machine.
+        order = ">" if harness.is_foreign(system.path("/bin/" + name)) else "<"
+        self.fault, self.uses = struct.Struct(order + "5I"), struct.Struct(f"{order}{CALL_COUNT}I")
         path = system.path("/run/faults/" + name)
         path.parent.mkdir(exist_ok=True)
         path.write_bytes(bytes(PAGE_BYTES))
@@ -78,29 +104,29 @@ class Faults:
 
     def used(self):
         """How often each call has been used since the uses were last forgotten, for those that were."""
-        counts = struct.unpack_from(f"={CALL_COUNT}I", self.page, USED_AT)
+        counts = self.uses.unpack_from(self.page, USED_AT)
         return {name: counts[number] for name, number in self.names().items() if counts[number]}
 
     def arm(self, name, error, use=1, times=1, then=None):
         """Has the use-th use of a call from now on fail, and those that follow it as many times as wanted. `then` is
         another call, with the same four, that fails once the first has."""
         self.disarm()
-        self.page[:FAULT.size] = bytes(FAULT.size)
+        self.page[:FAULT_BYTES] = bytes(FAULT_BYTES)
         if then:
-            self._arm(FAULT.size, *then)
+            self._arm(FAULT_BYTES, *then)
         self._arm(0, name, error, use, times)
 
     def _arm(self, at, name, error, use=1, times=1):
-        FAULT.pack_into(self.page, at, self.names()[name], use, times, getattr(errno, error), 0)
+        self.fault.pack_into(self.page, at, self.names()[name], use, times, getattr(errno, error), 0)
 
     def failed(self, fault=0):
         """How many uses of the call, or of the second one, have failed since it was armed."""
-        return FAULT.unpack_from(self.page, fault * FAULT.size)[-1]
+        return self.fault.unpack_from(self.page, fault * FAULT_BYTES)[-1]
 
     def disarm(self):
         """From now on nothing fails; how many uses have."""
         failed = self.failed()
-        self.page[:2 * FAULT.size] = bytes(2 * FAULT.size)
+        self.page[:2 * FAULT_BYTES] = bytes(2 * FAULT_BYTES)
         return failed
 
     def forget_uses(self):

@@ -1,0 +1,231 @@
+"""Every system call of the services fails, as test_calls.py does it with the server and the broker: whatever fails, the
+service goes on, what it keeps stands or is changed as it said, and no descriptor stays open."""
+
+import contextlib
+import ssl
+import time
+import unittest
+import unittest.mock
+
+import faultbox
+import harness
+import rawhttp
+import tarnbus
+import test_calls
+
+SERVICE_MANAGER, USERS, LOGIN, STATUS, FILES, PORTAL = [68, 1], [13, 2], [13, 4], [24, 1], [24, 2], [63, 15]
+SET_PASSWORD, MOVE_OBJ = 0x20001, 0xfe010b
+PASSWORD = "a good password"
+# How long an answer is waited for once nothing fails any more, before it is asked for again.
+RETRY = 5.0
+NUMBER, NAME = ("u", 0xfe0001), ("s", 1)
+
+
+class ServiceCalls(test_calls.Calls):
+    """One service; a subclass says which, and what it is put through."""
+
+    documents = {"a.xml": '<www><server name="http"><servlet type="dir" path="/" root="/home/web"/></server>'
+                          '<server name="https" ssl="yes"><servlet type="dir" path="/" root="/home/web"/></server></www>'}
+    web = {"a.txt": b"a"}
+    others = ("busd",)
+    patience = test_calls.IMPATIENCE
+
+    def setUp(self):
+        super().setUp()
+        self.faults = faultbox.Faults(self.system, self.name)
+        self.system.start(*self.others)
+
+    def begin(self):
+        self.prepare()
+        self.system.start(self.name)
+        self.system.bus_id(self.name)
+        self.bus = self.system.bus()
+        self.bus.timeout = harness.PATIENCE
+        for piece in self.course():
+            piece()
+        # A database opens its journal when it first needs it; and a client's end may be seen a little later.
+        self.idle_descriptors = self.program().descriptors() + 2
+
+    def prepare(self):
+        pass
+
+    def program(self):
+        return self.system.programs[self.name]
+
+    def ask(self, path, command, fields=None):
+        reply = self.bus.request(path, command, fields or {})
+        self.assertFalse(tarnbus.is_error(reply), reply)
+        return tarnbus.fields_of(reply)
+
+    def lose_session(self):
+        """An answer that comes late is nobody's."""
+        self.bus.close()
+        self.bus = self.system.bus()
+        self.bus.timeout = RETRY
+
+    def one_fault(self, *fault):
+        self.bus.timeout = self.patience
+        try:
+            return super().one_fault(*fault)
+        finally:
+            self.bus.timeout = harness.PATIENCE
+
+    def choices(self, uses):
+        """What a service does costs more than what the server and the broker do, so fewer uses of a call fail."""
+        return super().choices(uses if test_calls.EVERY_ERROR else {name: min(count, 2) for name, count in uses.items()})
+
+    def recovered(self):
+        self.bus.timeout = RETRY
+
+        def works():
+            if self.works(self.course()[0]):
+                return True
+            self.lose_session()
+            return False
+        harness.wait_until(works, "the service to do what it is asked")
+
+    def started(self, program):
+        if not self.faults.used().get("epoll_wait", 0):
+            return False
+        time.sleep(0.05)
+        return True
+
+    def recovered_from_start(self, _):
+        self.recovered()
+
+    def test_while_it_serves(self):
+        self.begin()
+        self.every_fault()
+
+
+class ServiceManager(ServiceCalls, harness.SystemTest):
+    name = "sermgr"
+    least = 15
+
+    def course(self):
+        return [self.change, self.list]
+
+    def change(self):
+        self.port = getattr(self, "port", 20000) % 30000 + 1
+        self.ask(SERVICE_MANAGER, tarnbus.SET, tarnbus.record("http", self.port))
+
+    def list(self):
+        records = self.ask(SERVICE_MANAGER, tarnbus.GET_ALL)[("M", 1)]
+        self.assertIn("http", [record[NAME] for record in records])
+
+
+class Users(ServiceCalls, harness.SystemTest):
+    name = "userd"
+    patience = 1.0
+    address = 0
+    least = 40
+
+    def choices(self, uses):
+        """The one write of its loop is to a counter that is never full, which has no way to fail."""
+        return super().choices({name: count for name, count in uses.items() if name != "write"})
+
+    def course(self):
+        return [self.log_in, self.password, self.users]
+
+    def log_in(self):
+        self.address += 1
+        self.ask(LOGIN, 1, {NAME: "admin", ("s", 3): PASSWORD, ("u", 7): 5, ("b", 8): True,
+                            ("a", 0xff0013): bytes(10) + b"\xff\xff\x0a" + self.address.to_bytes(3, "big")})
+
+    def prepare(self):
+        self.system.start("userd")
+        self.system.bus_id("userd")
+        with self.system.bus() as bus:
+            bus.request(USERS, SET_PASSWORD, {NAME: "admin", ("s", 3): PASSWORD})
+        self.system.stop("userd")
+
+    def password(self):
+        self.ask(USERS, SET_PASSWORD, {NAME: "admin", ("s", 3): PASSWORD})
+
+    def users(self):
+        """A user that a failure may have left behind is taken away first."""
+        for user in self.ask(USERS, tarnbus.GET_ALL)[("M", 1)]:
+            if user[NAME] == "guest":
+                self.ask(USERS, tarnbus.REMOVE_OBJ, {NUMBER: user[NUMBER]})
+        number = self.ask(USERS, tarnbus.ADD_OBJ, {NAME: "guest", ("s", 3): PASSWORD})[NUMBER]
+        self.ask(USERS, tarnbus.REMOVE_OBJ, {NUMBER: number})
+
+
+class Status(ServiceCalls, harness.SystemTest):
+    name = "sysd"
+    least = 20
+
+    def course(self):
+        return [self.status, self.files]
+
+    def status(self):
+        """What the kernel does not tell is said to be missing; the answer comes."""
+        self.ask(STATUS, tarnbus.GET_ALL)
+
+    def files(self):
+        """Directories that a failure may have left behind are taken away first."""
+        for entry in self.ask(FILES, tarnbus.GET_ALL)[("M", 1)]:
+            self.ask(FILES, tarnbus.REMOVE_OBJ, {NAME: entry[NAME]})
+        self.ask(FILES, tarnbus.ADD_OBJ, {NAME: "one"})
+        self.ask(FILES, MOVE_OBJ, {NAME: "one", ("s", 2): "other"})
+        self.ask(FILES, tarnbus.GET)
+        self.ask(FILES, tarnbus.REMOVE_OBJ, {NAME: "other"})
+
+
+class Tls(ServiceCalls, harness.SystemTest):
+    name = "tlsd"
+    others = ("busd", "www")
+    patience = 0.5
+    least = 15
+
+    def prepare(self):
+        self.port = harness.free_port()
+        self.context = ssl.create_default_context()
+        self.context.check_hostname = False
+        self.context.verify_mode = ssl.CERT_NONE
+        reply = self.system.send_record(tarnbus.record("https", self.port, tls_ref=1))
+        self.assertFalse(tarnbus.is_error(reply))
+
+    def course(self):
+        return [self.page]
+
+    def page(self):
+        with rawhttp.Connection.tcp(self.port) as plain:
+            plain.socket.settimeout(self.bus.timeout)
+            with contextlib.closing(self.context.wrap_socket(plain.socket, suppress_ragged_eofs=False)) as sock:
+                sock.sendall(b"GET /a.txt HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+                self.assertEqual(rawhttp.Connection(sock).read_response().body, b"a")
+
+
+class Hotspot(ServiceCalls, harness.SystemTest):
+    name = "hotspotd"
+    least = 20
+    others = ("busd", "www")
+
+    def prepare(self):
+        self.port = harness.free_port()
+        self.system.write("/rw/store/hotspot.conf", "settings {s1:'Lobby',s2:'SECRET12',u3:60}\n"
+                          f"server {{s1:'lobby',u2:{self.port},M6:[{{u1:0x7f000000,u2:0xff000000}}]}}\n")
+
+    def begin(self):
+        with unittest.mock.patch.object(self, "course", lambda: []):
+            super().begin()
+        harness.wait_until(lambda: not rawhttp.refuses(self.port), "the hotspot's server")
+        for piece in self.course():
+            piece()
+        self.idle_descriptors = self.program().descriptors() + 2
+
+    def course(self):
+        return [self.page, self.settings]
+
+    def page(self):
+        with rawhttp.Connection.tcp(self.port) as connection:
+            connection.socket.settimeout(self.bus.timeout)
+            self.assertEqual(connection.get("/").status, 200)
+
+    def settings(self):
+        self.ask(PORTAL, tarnbus.SET, {NAME: "Lobby"})
+
+
+if __name__ == "__main__":
+    unittest.main()
