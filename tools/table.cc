@@ -47,6 +47,7 @@ bool Table::hasHeadings() const {
 
 std::vector<std::size_t> Table::widths() const {
   std::vector<std::size_t> result;
+  result.reserve(headings_.size());
   for (const Heading& heading : headings_)
     result.push_back(columnsOf(heading.name));
   for (const Row& row : rows_) {
