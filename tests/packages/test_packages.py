@@ -103,7 +103,7 @@ class Content(unittest.TestCase):
         self.assertEqual(listed.split(), CONFIGURATION)
 
     def test_the_debian_checker_is_content(self):
-        output("lintian", "--allow-root", "--fail-on", "error,warning", "--suppress-tags", "no-manual-page", *packages().values())
+        output("lintian", "--allow-root", "--fail-on", "error,warning", *packages().values())
 
 
 class Documents(unittest.TestCase):
