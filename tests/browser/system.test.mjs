@@ -24,6 +24,8 @@ test('the overview shows the programs, and that one was started again', async ()
   for (const name of ['busd', 'sermgr', 'userd', 'sysd', 'tlsd', 'www']) {
     await panel.locator(`[data-program=${name}]`).getByText('Runs', { exact: true }).waitFor();
   }
+  const cut = await panel.locator('td').evaluateAll((cells) => cells.filter((cell) => cell.scrollWidth > cell.clientWidth).map((cell) => cell.textContent));
+  assert.deepEqual(cut, [], 'everything can be read');
   const tlsd = panel.locator('[data-program=tlsd]');
   await control.kill('tlsd');
   await tlsd.getByText('started again once').waitFor();
