@@ -283,6 +283,11 @@ class Documents(CommandLineTest):
             "3 documents, 1 servers, 2 errors, 0 warnings\n"))
         self.assertEqual(self.tn("check", "/tarn/etc/www/a.xml"), "1 documents, 1 servers, 0 errors, 0 warnings\n")
 
+    def test_finds_the_documents_of_an_installed_system(self):
+        self.system.path("/etc/tarn").mkdir(parents=True)
+        self.system.path("/tarn/etc/www").rename(self.system.path("/etc/tarn/www"))
+        self.assertEqual(self.tn("check"), "1 documents, 1 servers, 0 errors, 0 warnings\n")
+
 
 class Supervised(CommandLineTest):
     """What the supervisor tells: the log and its programs."""

@@ -11,6 +11,10 @@ namespace tool::verbs {
 
 namespace {
 
+// Where the documents are when the system was installed beside others, and only its programs see them where they
+// belong.
+constexpr std::string_view installedDirectory = "/etc/tarn/www";
+
 bool isDirectory(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
@@ -44,7 +48,10 @@ std::string coloured(const Finding& finding) {
 ExitStatus check(Context& context) {
   Checker checker;
   std::vector<std::string_view> operands = context.arguments().operands;
-  if (operands.empty()) operands.emplace_back(xml::www::directory);
+  if (operands.empty()) {
+    const bool isInstalled = !isDirectory(xml::www::directory) && isDirectory(std::string(installedDirectory));
+    operands.push_back(isInstalled ? installedDirectory : xml::www::directory);
+  }
   for (const std::string_view operand : operands) {
     const std::string path(operand);
     if (isDirectory(path)) {

@@ -40,8 +40,9 @@ names: read, read-files, write-files, change-settings, manage-users, sensitive-f
     {"log", "log [-f] [-n N] [-p PROGRAM] [TEXT]", "the log of all programs", "With TEXT only lines that contain it.\n",
      0, 1, logOptions, false, verbs::log},
     {"check", "check [DIRECTORY or FILE...]", "look for mistakes in configuration documents",
-     "Without an operand the documents of /tarn/etc/www. Ends with 1 when there are errors.\n", 0, anyNumber, 0, false,
-     verbs::check},
+     "Without an operand the documents of /tarn/etc/www, or else of /etc/tarn/www. Ends with 1\nwhen there are "
+     "errors.\n",
+     0, anyNumber, 0, false, verbs::check},
     {"list", "list", "programs on the bus: id and name", "", 0, 0, 0, false, verbs::list},
     {"call", "call PATH COMMAND [MESSAGE | FIELD=VALUE...]", "send a message and show the answer",
      R"(tn call sermgr/servers get name=http
