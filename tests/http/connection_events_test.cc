@@ -438,11 +438,11 @@ class ConnectionEventsTest : public ConnectionTest {
 };
 
 TEST_F(ConnectionEventsTest, EachStateIsWhatTheTableSays) {
-  for (unsigned seed = 0; seed < 250; ++seed) {
+  for (unsigned seed = 0; seed < 80; ++seed) {
     run(seed, 300);
     ASSERT_FALSE(HasFailure()) << "seed " << seed;
   }
-  EXPECT_GT(rarest(), 1000);
+  EXPECT_GT(rarest(), 300);
 }
 
 }  // namespace
