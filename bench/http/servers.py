@@ -115,21 +115,24 @@ class Server:
             self.pids = descendants(self.process.pid)
 
     def stop(self):
-        everyone = [pid for process in [self.process, *self.others] if process.poll() is None
-                    for pid in descendants(process.pid)]
-        for process in [self.process, *self.others]:
-            if process.poll() is None:
-                process.send_signal(signal.SIGTERM)
-        for process in [self.process, *self.others]:
-            try:
-                process.wait(5)
-            except subprocess.TimeoutExpired:
-                process.kill()
-                process.wait()
-        # What bwrap held ends a moment after it, and would be in the way of the next in the same image.
-        end = time.monotonic() + 5
-        while any(pathlib.Path(f"/proc/{pid}").exists() for pid in everyone) and time.monotonic() < end:
-            time.sleep(0.01)
+        end([self.process, *self.others])
+
+
+def end(processes):
+    everyone = [pid for process in processes if process.poll() is None for pid in descendants(process.pid)]
+    for process in processes:
+        if process.poll() is None:
+            process.send_signal(signal.SIGTERM)
+    for process in processes:
+        try:
+            process.wait(5)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+    # What bwrap held ends a moment after it, and would be in the way of the next in the same image.
+    deadline = time.monotonic() + 5
+    while any(pathlib.Path(f"/proc/{pid}").exists() for pid in everyone) and time.monotonic() < deadline:
+        time.sleep(0.01)
 
 
 def spawn(cpu, *command, **options):

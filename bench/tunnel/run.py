@@ -62,10 +62,11 @@ class Bench:
                 continue
             print(f"{name:22} {own:10.1f} " + (f"{other:10.1f} {own / other:6.2f}" if other else ""))
             # The program has taken the best of the rounds already.
-            unit = "1/s" if name.startswith("key") else "MB/s"
-            self.note(name, "rate", unit, [own])
+            unit = "MB/s" if name.endswith("MB/s") else "1/s"
+            case = name.removesuffix("/s").removesuffix("-MB")
+            self.note(case, "rate", unit, [own])
             if other:
-                self.note(name, "rate", unit, [other], "openssl")
+                self.note(case, "rate", unit, [other], "openssl")
 
     def sessions(self):
         runs = [self.run("tunnel_sessions", SESSIONS).split() for _ in range(self.rounds)]
@@ -103,12 +104,6 @@ class Bench:
         servers.wait_for_port(port)
         return chain, port
 
-    @staticmethod
-    def stop(processes):
-        for process in reversed(processes):
-            process.terminate()
-            process.wait()
-
     def measure_calls(self, mode, port, pids):
         before = servers.processor_ns(pids)
         rate = float(self.run("tunnel_load", mode, port, CONNECTIONS, CALLS))
@@ -123,8 +118,8 @@ class Bench:
                 samples["calls"].append(self.measure_calls("calls", self.port, self.pids))
                 samples["bare"].append(self.measure_calls("bare", port, [process.pid for process in chain]))
         finally:
-            self.stop(chain)
-            self.stop(self.processes)
+            servers.end(chain[::-1])
+            servers.end(self.processes[::-1])
         (rate, spent), (bare_rate, bare_spent) = (
             [statistics.median(sample[i] for sample in samples[kind]) for i in (0, 1)] for kind in ("calls", "bare"))
         print(f"relayed calls, {CONNECTIONS} connections: {rate:.0f}/s, {spent:.2f} us of all processes; bare chain "
@@ -168,7 +163,7 @@ class Bench:
             memory = next(line.split()[1] for line in pathlib.Path(f"/proc/{www}/status").read_text().splitlines()
                           if line.startswith("VmHWM:"))
         finally:
-            self.stop(self.processes)
+            servers.end(self.processes[::-1])
         self.note(f"file-{FILE_MB}m", "resident-at-most", "KiB", [int(memory)])
         print(f"a file of {FILE_MB} MiB; the server held {memory} KiB at most")
         middle = {mode: [statistics.median(value[i] for value in values) for i in (0, 1)] for mode, values in samples.items()}
