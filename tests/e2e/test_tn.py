@@ -7,7 +7,6 @@ import os
 import pty
 import re
 import select
-import signal
 import struct
 import subprocess
 import termios
@@ -287,37 +286,6 @@ class Documents(CommandLineTest):
         self.system.path("/etc/tarn").mkdir(parents=True)
         self.system.path("/tarn/etc/www").rename(self.system.path("/etc/tarn/www"))
         self.assertEqual(self.tn("check"), "1 documents, 1 servers, 0 errors, 0 warnings\n")
-
-
-class Supervised(CommandLineTest):
-    """What the supervisor tells: the log and its programs."""
-
-    def setUp(self):
-        if os.environ.get("TARN_QEMU"):
-            self.skipTest("the supervisor starts programs of its own processor alone")
-        super().setUp()
-        self.system.start("tnrun")
-        harness.wait_until(lambda: "www" in self.system.tn("list").stdout.split(), "the programs to be on the bus")
-
-    def test_the_log_is_shown_and_followed(self):
-        self.assertRegex(self.tn("log", "-p", "www", "adding server"),
-                         r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} www: adding server http, ssl=0\n$")
-        line = json.loads(self.tn("log", "-j", "-n", "1"))
-        self.assertEqual(set(line) - {"error-output"}, {"number", "time-ms", "program", "text"})
-        process = self.start_tn("log", "-f", "set http enabled=0")
-        port = harness.free_port()
-        self.system.tn("servers", "set", "http", f"port={port}", "enabled=no")
-        self.assertIn("www: set http enabled=0", process.stdout.readline())
-        process.send_signal(signal.SIGTERM)
-        process.communicate(timeout=harness.PATIENCE)
-
-    def test_the_status_knows_the_programs(self):
-        def is_known():
-            programs = json.loads(self.tn("status", "-j"))["supervisor"]["programs"]
-            return all(program["pid"] and program["answers"] for program in programs) and programs
-        names = [program["name"] for program in harness.wait_until(is_known, "all programs to answer")]
-        self.assertIn("sermgr", names)
-        self.assertRegex(self.tn("status"), r"(?m)^ *68 +sermgr +\d+ +runs ")
 
 
 class Completion(CommandLineTest):
