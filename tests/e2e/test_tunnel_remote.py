@@ -2,7 +2,9 @@
 
 import os
 import pty
+import socket
 import subprocess
+import threading
 import time
 import unittest
 
@@ -138,6 +140,39 @@ class NoTunnel(harness.SystemTest):
                               capture_output=True, text=True, timeout=harness.PATIENCE, check=False)
         self.assertEqual(done.returncode, 3)
         self.assertRegex(done.stderr, "^tn-remote: .*tunnel.*\n$")
+
+
+class KeptConnections(unittest.TestCase):
+    """A server that answers once on a connection, and hangs up when it is asked again."""
+
+    def setUp(self):
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(self.listener.close)
+        self.asked = []
+        threading.Thread(target=self.serve, daemon=True).start()
+        self.tunnel = tunnelbox.tunnel.Tunnel(f"http://127.0.0.1:{self.listener.getsockname()[1]}")
+        self.addCleanup(self.tunnel.close)
+
+    def serve(self):
+        while True:
+            try:
+                connection, _ = self.listener.accept()
+            except OSError:
+                return
+            with connection:
+                self.asked.append(connection.recv(65536))
+                connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok")
+                connection.recv(65536)
+
+    def test_a_request_that_meets_the_end_of_a_kept_connection_is_made_again(self):
+        for _ in range(2):
+            self.assertEqual(self.tunnel.request("POST", "/x", b"body")[2], b"ok")
+        self.assertEqual([request[:6] for request in self.asked], [b"POST /"] * 2)
+
+    def test_one_that_cannot_be_read_again_is_not(self):
+        self.tunnel.request("GET", "/x")
+        with self.assertRaises(tunnelbox.tunnel.Unreachable):
+            self.tunnel.request("POST", "/x", iter([b"body"]), {"Content-Length": "4"})
 
 
 if __name__ == "__main__":

@@ -203,17 +203,25 @@ class Tunnel:
                 connection, since = self._idle.pop()
                 if time.monotonic() - since < CONNECTION_LIFE:
                     connection.sock.settimeout(timeout)
-                    return connection
+                    return connection, True
                 connection.close()
-        return self._class(*self._address, timeout=timeout)
+        return self._class(*self._address, timeout=timeout), False
 
     def request(self, method, target, body=None, headers=None, timeout=None, out=None):
         """One request; status, headers and body of its answer. With `out`, the body of a good answer is written there
         as it comes and not kept."""
         timeout = self.timeout if timeout is None else timeout
-        connection = self._take_connection(timeout)
+        connection, is_kept = self._take_connection(timeout)
         try:
-            response = self._ask(connection, method, target, body, headers or {})
+            try:
+                response = self._ask(connection, method, target, body, headers or {})
+            except (http.client.RemoteDisconnected, ConnectionResetError):
+                # A kept connection may end as it is used again. Then nothing was taken; and if it was, a frame is not taken twice.
+                if not is_kept or not isinstance(body, (bytes, type(None))):
+                    raise
+                connection.close()
+                connection = self._class(*self._address, timeout=None if timeout == FOREVER else timeout)
+                response = self._ask(connection, method, target, body, headers or {})
             if out is not None and response.status == 200:
                 shutil.copyfileobj(response, out)
                 self._require_whole(response)
