@@ -110,7 +110,7 @@ class Figures(StatusTest):
     def test_bad_input_is_told(self):
         for path, command, fields, code in (
                 (STATUS, GET_OBJ, {}, NOT_THERE), (STATUS, GET_OBJ, {NUMBER: 6}, NOT_THERE), (STATUS, 1, {}, 0xfe0007),
-                ([24, 3], GET_OBJ, {NUMBER: 1}, NOT_THERE), ([24, 1, 1], GET_OBJ, {NUMBER: 1}, NOT_THERE),
+                ([24, 4], GET_OBJ, {NUMBER: 1}, NOT_THERE), ([24, 1, 1], GET_OBJ, {NUMBER: 1}, NOT_THERE),
                 (STATUS, SUBSCRIBE, {}, BAD), (STATUS, SUBSCRIBE, {OBJECTS: []}, BAD),
                 (STATUS, SUBSCRIBE, {OBJECTS: [1] * 60000}, BAD), (STATUS, SUBSCRIBE, {OBJECTS: [0]}, NOT_THERE),
                 (STATUS, SUBSCRIBE, {OBJECTS: [1], INTERVAL: 0}, BAD),

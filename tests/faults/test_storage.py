@@ -153,7 +153,11 @@ class FullStore(Keeping):
         self.assertIsNotNone(self.move(harness.free_port()))
         for name in started:
             program = self.system.programs.pop(name)
-            program.signal(signal.SIGTERM)
+            # Before it turns it would be ended by the signal itself.
+            harness.wait_until(lambda name=name, program=program: program.ended() or name in self.system.tn("list").stdout.split(),
+                               f"{name} to end, or to join the bus")
+            with contextlib.suppress(ProcessLookupError):
+                program.signal(signal.SIGTERM)
             self.assertIn(program.wait(), (0, 1), self.system.log(name))
         filler.unlink()
         self.system.start(*started)
