@@ -157,6 +157,7 @@ test('each right is explained, where it is given and to whom it is given', async
   const { context, page } = await openPage('Users');
   await page.getByRole('button', { name: 'Change administrators' }).click();
   const boxes = page.getByRole('dialog').getByRole('checkbox');
+  await boxes.nth(5).waitFor();
   assert.equal(await boxes.count(), 6);
   const meanings = await boxes.evaluateAll((list) => list.map((box) => document.getElementById(box.getAttribute('aria-describedby')).textContent));
   for (const meaning of meanings) assert.match(meaning, /^[A-Z].*\.$/);
