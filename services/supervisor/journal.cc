@@ -1,9 +1,8 @@
 #include "services/supervisor/journal.h"
 
-#include <algorithm>
-
 #include "platform/bus/text.h"
 #include "services/common/beginning.h"
+#include "services/common/newest.h"
 
 namespace tnrun {
 namespace {
@@ -28,21 +27,10 @@ void Journal::add(std::string_view program, Stream stream, std::string_view line
 }
 
 Journal::Found Journal::find(const Query& query) const {
-  const std::uint64_t after = query.after > newest_ ? 0 : query.after;
-  const std::uint64_t gone = newest_ - lines_.size();
-  Found found;
-  found.newest = newest_;
-  found.lost = gone > after ? gone - after : 0;
-  std::size_t bytes = 0;
-  for (auto line = lines_.rbegin(); line != lines_.rend() && line->number > after; ++line) {
-    if (found.lines.size() == query.most) break;
-    if (!fits(*line, query)) continue;
-    bytes += line->text.size() + line->program.size() + bytesPerLine;
-    if (bytes > query.mostBytes) break;
-    found.lines.push_back(&*line);
-  }
-  std::reverse(found.lines.begin(), found.lines.end());
-  return found;
+  const auto fitting = [&query](const Line& line) { return fits(line, query); };
+  const auto toTell = [](const Line& line) { return cost(line) + line.program.size(); };
+  return {service::entriesBehind(query, lines_, fitting, toTell), newest_,
+          service::lostBehind(query.after, newest_, lines_.size())};
 }
 
 }  // namespace tnrun

@@ -1,10 +1,10 @@
 #include "services/sysd/frame_ring.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "platform/bus/text_parts.h"
 #include "services/common/beginning.h"
+#include "services/common/newest.h"
 
 namespace sysd {
 namespace {
@@ -32,21 +32,9 @@ void FrameRing::clear() {
 }
 
 FrameRing::Found FrameRing::find(const Query& query) const {
-  const std::uint64_t after = query.after > newest_ ? 0 : query.after;
-  const std::uint64_t gone = newest_ - frames_.size();
-  Found found;
-  found.newest = newest_;
-  found.lost = gone > after ? gone - after : 0;
-  std::size_t bytes = 0;
-  for (auto frame = frames_.rbegin(); frame != frames_.rend() && frame->number > after; ++frame) {
-    if (found.frames.size() == query.most) break;
-    if (!fits(*frame, query)) continue;
-    bytes += cost(*frame);
-    if (bytes > query.mostBytes) break;
-    found.frames.push_back(&*frame);
-  }
-  std::reverse(found.frames.begin(), found.frames.end());
-  return found;
+  const auto fitting = [&query](const Frame& frame) { return fits(frame, query); };
+  return {service::entriesBehind(query, frames_, fitting, cost), newest_,
+          service::lostBehind(query.after, newest_, frames_.size())};
 }
 
 // A value is at least as long as text as it is flattened, but for numbers, so that one which cannot fit is not made: a

@@ -121,6 +121,14 @@ def get(port, target, *header_lines):
         return connection.get(target, *header_lines)
 
 
+def answers(port, target="/"):
+    """Whether a page comes. A record opens a listener anew, and whoever waited at the old one is sent away."""
+    try:
+        return get(port, target).status == 200
+    except (OSError, EOFError):
+        return False
+
+
 def refuses(port):
     """Whether nobody listens on a port."""
     try:

@@ -23,8 +23,7 @@ class Supervised(harness.SystemTest):
         return self.system.tn("list").stdout
 
     def await_page(self):
-        harness.wait_until(lambda: not rawhttp.refuses(self.port), "the server to listen")
-        self.assertEqual(rawhttp.get(self.port, "/").status, 200)
+        harness.wait_until(lambda: rawhttp.answers(self.port), "the page")
 
     def processes(self):
         """Name and process id of the supervisor's children that run now."""
