@@ -15,7 +15,8 @@ class Expiry(tunnelbox.TunnelTest):
         service = self.service(24, lambda bus, message: bus.reply(message))
         watcher = self.system.bus(name="watcher")
         watcher.join_group(tunnelbox.END_GROUP)
-        idle, stranger, waiting, lively = self.log_in(), self.meet(), self.log_in(), self.log_in()
+        # The stranger first: what has been silent for longer is gone when the idle one is.
+        stranger, idle, waiting, lively = self.meet(), self.log_in(), self.log_in(), self.log_in()
         numbers = {"idle": idle.id, "waiting": waiting.id, "lively": lively.id}
         poll = self.park_poll(waiting)
         www = self.system.bus_id("www")
