@@ -3,6 +3,7 @@
 #include "platform/bus/text.h"
 
 #include <charconv>
+#include <concepts>
 
 #include "platform/bus/text_parts.h"
 
@@ -13,22 +14,10 @@ namespace {
 using Bytes = std::span<const std::uint8_t>;
 using Field = message::Field;
 
-// Length of the UTF-8 character that `text` begins with when it can be shown as it is; 0 for a byte to be escaped: a
-// control character (also of the second set, which some terminals obey) or no UTF-8.
-std::size_t shownLength(std::string_view text) {
-  const auto at = [&](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
-  const unsigned lead = at(0);
-  if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
-  const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-  std::uint32_t character = lead & (0xffU >> (length + 1));
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((at(i) & 0xc0) != 0x80) return 0;
-    character = character << 6 | (at(i) & 0x3f);
-  }
-  constexpr std::uint32_t smallest[] = {0, 0, 0xa0, 0x800, 0x10000};
-  const bool isSurrogate = character >= 0xd800 && character <= 0xdfff;
-  const bool good = lead >= 0xc2 && lead <= 0xf4 && character >= smallest[length] && character <= 0x10ffff;
-  return good && !isSurrogate ? length : 0;
+// Whether the character that `text` begins with is one that some terminal obeys: a control character of either set.
+bool isControl(std::string_view text) {
+  const auto at = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  return at(0) < 0x20 || at(0) == 0x7f || (at(0) == 0xc2 && text.size() > 1 && at(1) < 0xa0);
 }
 
 void appendEscaped(std::string& out, char c) {
@@ -50,7 +39,7 @@ void appendEscaped(std::string& out, char c) {
 // Appends the text, with a backslash before each of the characters `quoted`.
 void appendPrintable(std::string& out, std::string_view text, std::string_view quoted) {
   while (!text.empty()) {
-    const std::size_t length = shownLength(text);
+    const std::size_t length = isControl(text) ? 0 : characterLength(text);
     if (length == 0) {
       appendEscaped(out, text[0]);
     } else {
@@ -59,24 +48,6 @@ void appendPrintable(std::string& out, std::string_view text, std::string_view q
     }
     text.remove_prefix(length == 0 ? 1 : length);
   }
-}
-
-void appendQuoted(std::string& out, std::string_view text) {
-  out += '\'';
-  appendPrintable(out, text, "'\\");
-  out += '\'';
-}
-
-template <typename Elements, typename AppendOne>
-void appendList(std::string& out, const Elements& elements, AppendOne appendOne) {
-  out += '[';
-  bool isFirst = true;
-  for (const auto& element : elements) {
-    if (!isFirst) out += ',';
-    isFirst = false;
-    appendOne(element);
-  }
-  out += ']';
 }
 
 void appendMessage(std::string& out, const message& msg) {
@@ -89,6 +60,22 @@ void appendMessage(std::string& out, const message& msg) {
   });
   out += '}';
 }
+
+// A value of the line form.
+struct LineValue {
+  std::string& out;
+
+  void operator()(std::same_as<bool> auto value) const { out += value ? '1' : '0'; }
+  void operator()(std::uint64_t value) const { appendNumber(out, value); }
+  void operator()(const Addr6& value) const { appendList(out, value, *this); }
+  void operator()(Bytes value) const { appendList(out, value, *this); }
+  void operator()(const message& value) const { appendMessage(out, value); }
+  void operator()(std::string_view value) const {
+    out += '\'';
+    appendPrintable(out, value, "'\\");
+    out += '\'';
+  }
+};
 
 }  // namespace
 
@@ -104,40 +91,24 @@ void appendKey(std::string& out, const Field& field) {
 }
 
 void appendValue(std::string& out, const Field& field) {
-  const auto number = [&](std::uint64_t value) { appendNumber(out, value); };
-  const auto bytes = [&](Bytes value) { appendList(out, value, number); };
-  const auto quoted = [&](std::string_view value) { appendQuoted(out, value); };
-  const auto nested = [&](const message& value) { appendMessage(out, value); };
-  switch (field.type) {
-    case FieldType::boolean:
-      return number(field.asBool() ? 1 : 0);
-    case FieldType::u32:
-      return number(field.asU32());
-    case FieldType::u64:
-      return number(field.asU64());
-    case FieldType::addr6:
-      return bytes(field.asAddr6());
-    case FieldType::string:
-      return quoted(field.asString());
-    case FieldType::message:
-      return nested(field.asMessage());
-    case FieldType::raw:
-      return bytes(field.asRaw());
-    case FieldType::booleanArray:
-      return appendList(out, field.asBools(), number);
-    case FieldType::u32Array:
-      return appendList(out, field.asU32s(), number);
-    case FieldType::u64Array:
-      return appendList(out, field.asU64s(), number);
-    case FieldType::addr6Array:
-      return appendList(out, field.asAddr6s(), bytes);
-    case FieldType::stringArray:
-      return appendList(out, field.asStrings(), quoted);
-    case FieldType::messageArray:
-      return appendList(out, field.asMessages(), nested);
-    case FieldType::rawArray:
-      return appendList(out, field.asRaws(), bytes);
+  appendValueBy(out, field, LineValue{out});
+}
+
+std::size_t characterLength(std::string_view text) {
+  const auto at = [&](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+  if (text.empty()) return 0;
+  const unsigned lead = at(0);
+  if (lead < 0x80) return 1;
+  const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+  std::uint32_t character = lead & (0xffU >> (length + 1));
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((at(i) & 0xc0) != 0x80) return 0;
+    character = character << 6 | (at(i) & 0x3f);
   }
+  constexpr std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  const bool isSurrogate = character >= 0xd800 && character <= 0xdfff;
+  const bool good = lead >= 0xc2 && lead <= 0xf4 && character >= smallest[length] && character <= 0x10ffff;
+  return good && !isSurrogate ? length : 0;
 }
 
 std::string writeText(const message& msg) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/bus/message.h"
 
@@ -39,5 +41,57 @@ inline constexpr TypeLetter typeLetters[] = {
 void appendNumber(std::string& out, std::uint64_t value, int base = 10);
 void appendKey(std::string& out, const message::Field& field);
 void appendValue(std::string& out, const message::Field& field);
+
+// Length of the UTF-8 character that a text begins with; 0 when it begins with none.
+[[nodiscard]] std::size_t characterLength(std::string_view text);
+
+// Appends values in brackets, with commas between them; appendOne(value) appends each.
+template <typename Values, typename AppendOne>
+void appendList(std::string& out, const Values& values, const AppendOne& appendOne) {
+  out += '[';
+  bool isFirst = true;
+  for (const auto& value : values) {
+    if (!isFirst) out += ',';
+    isFirst = false;
+    appendOne(value);
+  }
+  out += ']';
+}
+
+// Appends the value of a field in a form that has lists in brackets. appendOne(value) appends a bool, a number of 32 or
+// 64 bits, an Addr6, a text, a message or bytes.
+template <typename AppendOne>
+void appendValueBy(std::string& out, const message::Field& field, const AppendOne& appendOne) {
+  switch (field.type) {
+    case FieldType::boolean:
+      return appendOne(field.asBool());
+    case FieldType::u32:
+      return appendOne(field.asU32());
+    case FieldType::u64:
+      return appendOne(field.asU64());
+    case FieldType::addr6:
+      return appendOne(field.asAddr6());
+    case FieldType::string:
+      return appendOne(field.asString());
+    case FieldType::message:
+      return appendOne(field.asMessage());
+    case FieldType::raw:
+      return appendOne(field.asRaw());
+    case FieldType::booleanArray:
+      return appendList(out, field.asBools(), appendOne);
+    case FieldType::u32Array:
+      return appendList(out, field.asU32s(), appendOne);
+    case FieldType::u64Array:
+      return appendList(out, field.asU64s(), appendOne);
+    case FieldType::addr6Array:
+      return appendList(out, field.asAddr6s(), appendOne);
+    case FieldType::stringArray:
+      return appendList(out, field.asStrings(), appendOne);
+    case FieldType::messageArray:
+      return appendList(out, field.asMessages(), appendOne);
+    case FieldType::rawArray:
+      return appendList(out, field.asRaws(), appendOne);
+  }
+}
 
 }  // namespace tn

@@ -141,6 +141,18 @@ TEST(Json, EscapesWhatATextMayHold) {
             "{\"s1\":\"\\\"\\\\\\n\\u0001\\u007f\xc3\xa4\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\"}");
 }
 
+TEST(Json, HoldsNothingThatIsNoUtf8) {
+  // What begins with F8 to FF looks like a character when only its last bits are looked at.
+  for (const char* wrong : {"\xf8\x90\x80\x80", "\xff\x90\x80\x80", "\xf5\x80\x80\x80", "\xf4\x90\x80\x80"}) {
+    std::string out;
+    tool::appendJsonText(out, wrong);
+    EXPECT_EQ(out, R"("\ufffd\ufffd\ufffd\ufffd")");
+  }
+  std::string out;
+  tool::appendJsonText(out, "\xf4\x8f\xbf\xbf");
+  EXPECT_EQ(out, "\"\xf4\x8f\xbf\xbf\"");
+}
+
 TEST(Json, NamesTheFields) {
   const auto names = tool::commandOf(tool::handlerNamed("sysd", "status"), tn::command::getAll)->out;
   EXPECT_EQ(tool::writeJson(reading("{M1:[{ufe0001:1,s1:'box',s9:'?'},{ufe0001:2,q1:5}],bff0021:1,uff0020:1}"), names),
