@@ -19,7 +19,12 @@ export function poll(session, pause, ask) {
     again = busy;
     if (busy) return;
     busy = true;
-    await ask();
+    try {
+      await ask();
+    } catch (fault) {
+      // An answer that nobody had thought of must not be the last one.
+      reportError(fault);
+    }
     busy = false;
     if (!stopped) timer = setTimeout(step, again ? 0 : pause);
   }
