@@ -117,10 +117,12 @@ class Program:
             raise
 
     def _read_pid(self, path):
+        # Looked at first: one that writes its number and ends between two looks was started.
+        ended = self.process.poll() is not None
         try:
             return json.loads(path.read_text())["child-pid"]
         except (OSError, ValueError):
-            if self.process.poll() is None:
+            if not ended:
                 return None
         raise AssertionError(f"{self.name} could not be started: {self.log_path.read_text(errors='replace')}")
 
@@ -265,16 +267,25 @@ class System:
         return client
 
     def bus_id(self, name):
-        """The bus id of a program, once it has joined."""
+        """The bus id of a program, once it has joined and answers: a program joins before its loop begins. So it has
+        also said by now what it had to say when it joined, and ends well when it is told to."""
         client = tarnbus.Client(str(self.bus_path))
         try:
-            return wait_until(lambda: self._find(client, name), f"{name} to join the bus")
+            return wait_until(lambda: self._find(client, name), f"{name} to join the bus and to answer")
         finally:
             client.close()
 
     @staticmethod
     def _find(client, name):
-        return next((member_id for member_id, member in client.list() if member == name), None)
+        member_id = next((member_id for member_id, member in client.list() if member == name), None)
+        if member_id is None:
+            return None
+        try:
+            answer = client.request([member_id], tarnbus.GET_POLICIES, timeout=5)
+        except TimeoutError:
+            return None
+        # One that has ended meanwhile cannot be reached.
+        return None if tarnbus.error_of(answer) == tarnbus.UNREACHABLE else member_id
 
     def send_record(self, record, command=tarnbus.SET):
         """Sends a server record to www; its reply."""

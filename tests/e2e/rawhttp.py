@@ -3,7 +3,8 @@
 import socket
 
 LOOPBACK = "127.0.0.1"
-TIMEOUT = 20.0
+# Generous: the machine may be busy, and programs emulated.
+TIMEOUT = 60.0
 
 
 class Response:

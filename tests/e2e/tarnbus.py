@@ -12,7 +12,8 @@ import socket
 import struct
 import time
 
-TIMEOUT = 20.0
+# Generous: the machine may be busy, and programs emulated.
+TIMEOUT = 60.0
 
 HEADER = struct.Struct("<III")
 MESSAGE, BOUNCED, CONTROL, OBSERVED = range(4)
@@ -27,10 +28,13 @@ IS_REPLY = ("b", 0xff0021)
 ERROR_CODE = ("u", 0xff0022)
 ERROR_TEXT = ("s", 0xff0023)
 
-GET, SET, GET_ALL, ADD_OBJ, REMOVE_OBJ = 0xfe0102, 0xfe0103, 0xfe0107, 0xfe0109, 0xfe010a
+GET_POLICIES, GET, SET, GET_ALL, ADD_OBJ, REMOVE_OBJ = 0xfe0101, 0xfe0102, 0xfe0103, 0xfe0107, 0xfe0109, 0xfe010a
 SERVER_RECORD, ASK_FOR_RECORDS = 0x30001, 0x30003
 
 JOIN, JOIN_GROUP, LEAVE_GROUP, LIST, STATISTICS, MONITOR = range(1, 7)
+
+# What a request comes to whose program is not there.
+UNREACHABLE = (0xfe000e, "unreachable")
 
 TYPES = "buqasmr"  # in the order of their codes
 SHORT = 0x01000000
@@ -267,7 +271,7 @@ class Client:
             message = self._next_frame(deadline)
             if message.fields.get(REQUEST_NUMBER) == self.last_number:
                 if message.kind == BOUNCED:
-                    return {ERROR_CODE: 0xfe000e, ERROR_TEXT: "unreachable"}
+                    return dict(zip((ERROR_CODE, ERROR_TEXT), UNREACHABLE))
                 if message.fields.get(IS_REPLY):
                     return message
             self.waiting.append(message)
