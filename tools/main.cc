@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "platform/standard_streams.h"
 #include "platform/unique_fd.h"
 #include "tools/context.h"
 
@@ -19,11 +20,13 @@ int exitCode(ExitStatus status) {
 
 // Standard output for the program alone: what the bus library logs there, a person is told in other words.
 std::FILE* takeOutput() {
-  const int own = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  UniqueFd own(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  std::FILE* const out = own ? ::fdopen(own.get(), "w") : nullptr;
+  if (out == nullptr) return stdout;
+  static_cast<void>(own.release());
   const UniqueFd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
-  if (own < 0 || ::dup2(nowhere ? nowhere.get() : STDERR_FILENO, STDOUT_FILENO) < 0) return stdout;
-  std::FILE* const out = ::fdopen(own, "w");
-  return out != nullptr ? out : stdout;
+  ::dup2(nowhere ? nowhere.get() : STDERR_FILENO, STDOUT_FILENO);
+  return out;
 }
 
 // -h stands for help about the verb that is there, if there is one.
@@ -36,6 +39,7 @@ void askForHelp(Arguments& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  holdStandardStreams();
   // A reader who has gone is told by the write that fails.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);

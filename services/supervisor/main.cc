@@ -13,6 +13,7 @@
 
 #include "platform/bus/looper.h"
 #include "platform/log.h"
+#include "platform/standard_streams.h"
 #include "platform/unique_fd.h"
 #include "services/supervisor/enquiry.h"
 #include "services/supervisor/journal.h"
@@ -142,6 +143,7 @@ int supervise(const std::vector<tnrun::Program>& programs, std::size_t broker) {
 }  // namespace
 
 int main() {
+  holdStandardStreams();
   signal(SIGPIPE, SIG_IGN);
   signal(SIGXFSZ, SIG_IGN);
   // What a program leaves behind when it ends becomes a child of this one, and is reaped here.

@@ -8,6 +8,7 @@
 
 #include "platform/bus/epoll_runner.h"
 #include "platform/log.h"
+#include "platform/standard_streams.h"
 #include "platform/unique_fd.h"
 #include "tools/forwarder/forwarder.h"
 
@@ -48,6 +49,7 @@ int explain() {
 }  // namespace
 
 int main(int count, char** words) {
+  holdStandardStreams();
   if (count != 3 && count != 4) return explain();
   const auto address = forwarder::parseAddress(words[1]);
   const auto serverPort = numberOf(words[2]);
