@@ -110,13 +110,15 @@ std::uint32_t fixedId(std::string_view program) {
 
 namespace {
 
+constexpr std::size_t longestProgramName = 64;  // of what the broker lists
+
 // The first element: a number, or a name that a program may have.
 bool readProgram(std::string_view text, PathText& out) {
   if (const auto number = wholeNumber32(text)) {
     out.path.push_back(*number);
     return true;
   }
-  if (text.empty() || (text[0] >= '0' && text[0] <= '9')) return false;
+  if (text.empty() || text.size() > longestProgramName || (text[0] >= '0' && text[0] <= '9')) return false;
   out.path.push_back(fixedId(text));
   if (out.path[0] == 0) out.program = text;
   return true;

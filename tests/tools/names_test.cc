@@ -70,6 +70,8 @@ TEST(Paths, AreNumbersOrNames) {
                             "other/name", "68/servers/servers"}) {
     EXPECT_EQ(pathOf(wrong), "none") << wrong;
   }
+  EXPECT_EQ(pathOf(std::string(64, 'a') + "/1"), std::string(64, 'a') + "/0/1");
+  EXPECT_EQ(pathOf(std::string(65, 'a') + "/1"), "none");
 }
 
 TEST(Commands, AreNumbersOrNames) {

@@ -265,6 +265,24 @@ TEST_F(Verbs, AFollowedLogEndsWithTheBroker) {
   EXPECT_EQ(error_, "tn: the bus is gone\n");
 }
 
+TEST_F(Verbs, WhatNoMessageHasRoomForIsNotLeftOut) {
+  const std::string text(70000, 'a');
+  const std::vector<std::vector<const char*>> commands = {
+      {"log", text.c_str()},
+      {"log", "-p", text.c_str()},
+      {"servers", "remove", text.c_str()},
+      {"servers", "set", text.c_str(), "port=1"},
+      {"users", "set", text.c_str(), "number=1", "full-name=x"},
+      {"users", "groups", "remove", text.c_str()},
+  };
+  link();
+  for (const auto& command : commands) {
+    EXPECT_EQ(run(command), ExitStatus::usage) << command[0];
+    EXPECT_THAT(error_, testing::EndsWith(" is too long\n"));
+  }
+  EXPECT_TRUE(link_->sent.empty());
+}
+
 constexpr std::string_view statistics =
     "{u1:5,q5:12,q6:2048,q7:1,q8:2,qa:0,M4:[{u2:68,s3:'sermgr',q5:10,q6:1000,q7:0,qa:5,qc:20,qd:21},"
     "{u2:1003,s3:'www',q5:2}]}";

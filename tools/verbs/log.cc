@@ -38,8 +38,12 @@ class Reader {
     if (began_ || arguments.count != 0) {
       request.insert(most, began_ ? mostLines : static_cast<std::uint32_t>(arguments.count));
     }
-    if (context_.operandCount() != 0) request.insert(containing, context_.operand(0));
-    if (!arguments.program.empty()) request.insert(onlyProgram, arguments.program);
+    if (context_.operandCount() != 0 && !request.insert(containing, context_.operand(0))) {
+      return context_.failUsage("the text to look for is too long");
+    }
+    if (!arguments.program.empty() && !request.insert(onlyProgram, arguments.program)) {
+      return context_.failUsage("the name of the program is too long");
+    }
     const message answer = context_.ask(handler_, tn::command::getAll, request);
     if (tn::isError(answer)) return context_.fail(answer);
     tellLost(answer);

@@ -140,7 +140,7 @@ ExitStatus listServers(Context& context, const HandlerShape& manager) {
 
 ExitStatus change(Context& context, const HandlerShape& manager, std::uint32_t command) {
   message record;
-  record.insert(name, context.operand(1));
+  if (!record.insert(name, context.operand(1))) return context.failUsage("the name is too long");
   for (const std::string_view word : std::span(context.arguments().operands).subspan(2)) {
     if (const auto error = readSetting(word, record)) return context.failUsage(*error);
   }

@@ -128,7 +128,7 @@ ExitStatus change(Context& context, const HandlerShape& handler, std::uint32_t c
     return context.failUsage("a new name needs the number: tn call " + std::string(handler.program) + "/" +
                              std::string(handler.name) + " setObj number=N name=NAME");
   }
-  request.insert(name, context.operand(named));
+  if (!request.insert(name, context.operand(named))) return context.failUsage("the name is too long");
   if (wantsPassword && !request.has(password)) {
     std::string error;
     const auto given = askPassword(STDIN_FILENO, error);
