@@ -16,8 +16,6 @@ import test_calls
 SERVICE_MANAGER, USERS, LOGIN, STATUS, FILES, PORTAL = [68, 1], [13, 2], [13, 4], [24, 1], [24, 2], [63, 15]
 SET_PASSWORD, MOVE_OBJ = 0x20001, 0xfe010b
 PASSWORD = "a good password"
-# How long an answer is waited for once nothing fails any more, before it is asked for again.
-RETRY = 5.0
 NUMBER, NAME = ("u", 0xfe0001), ("s", 1)
 
 
@@ -28,7 +26,6 @@ class ServiceCalls(test_calls.Calls):
                           '<server name="https" ssl="yes"><servlet type="dir" path="/" root="/home/web"/></server></www>'}
     web = {"a.txt": b"a"}
     others = ("busd",)
-    patience = test_calls.IMPATIENCE
 
     def setUp(self):
         super().setUp()
@@ -40,7 +37,6 @@ class ServiceCalls(test_calls.Calls):
         self.system.start(self.name)
         self.system.bus_id(self.name)
         self.bus = self.system.bus()
-        self.bus.timeout = harness.PATIENCE
         for piece in self.course():
             piece()
         # A database opens its journal when it first needs it; and a client's end may be seen a little later.
@@ -53,7 +49,7 @@ class ServiceCalls(test_calls.Calls):
         return self.system.programs[self.name]
 
     def ask(self, path, command, fields=None):
-        reply = self.bus.request(path, command, fields or {})
+        reply = self.bus.request(path, command, fields or {}, timeout=self.limit)
         self.assertFalse(tarnbus.is_error(reply), reply)
         return tarnbus.fields_of(reply)
 
@@ -61,28 +57,13 @@ class ServiceCalls(test_calls.Calls):
         """An answer that comes late is nobody's."""
         self.bus.close()
         self.bus = self.system.bus()
-        self.bus.timeout = RETRY
-
-    def one_fault(self, *fault):
-        self.bus.timeout = self.patience
-        try:
-            return super().one_fault(*fault)
-        finally:
-            self.bus.timeout = harness.PATIENCE
 
     def choices(self, uses):
         """What a service does costs more than what the server and the broker do, so fewer uses of a call fail."""
         return super().choices(uses if test_calls.EVERY_ERROR else {name: min(count, 2) for name, count in uses.items()})
 
     def recovered(self):
-        self.bus.timeout = RETRY
-
-        def works():
-            if self.works(self.course()[0]):
-                return True
-            self.lose_session()
-            return False
-        harness.wait_until(works, "the service to do what it is asked")
+        self.comes_back(self.course()[0], "the service to do what it is asked")
 
     def started(self, program):
         if not self.faults.used().get("epoll_wait", 0):
@@ -100,7 +81,8 @@ class ServiceCalls(test_calls.Calls):
 
 class ServiceManager(ServiceCalls, harness.SystemTest):
     name = "sermgr"
-    least = 15
+    calls = frozenset(("write", "send", "recvmsg", "epoll_wait", "open", "fstat", "stat", "fcntl", "unlink", "pread", "pwrite",
+                       "fdatasync"))
 
     def course(self):
         return [self.change, self.list]
@@ -116,9 +98,10 @@ class ServiceManager(ServiceCalls, harness.SystemTest):
 
 class Users(ServiceCalls, harness.SystemTest):
     name = "userd"
-    patience = 1.0
+    impatience = 1.0
     address = 0
-    least = 40
+    calls = frozenset(("read", "send", "recvmsg", "epoll_wait", "open", "fstat", "stat", "fcntl", "unlink", "pread", "pwrite",
+                       "fdatasync"))
 
     def choices(self, uses):
         """The one write of its loop is to a counter that is never full, which has no way to fail."""
@@ -153,7 +136,8 @@ class Users(ServiceCalls, harness.SystemTest):
 
 class Status(ServiceCalls, harness.SystemTest):
     name = "sysd"
-    least = 20
+    calls = frozenset(("send", "recvmsg", "epoll_wait", "open", "readdir", "fdopendir", "openat", "mkdirat", "renameat2",
+                       "unlinkat"))
 
     def course(self):
         return [self.status, self.files]
@@ -175,8 +159,9 @@ class Status(ServiceCalls, harness.SystemTest):
 class Tls(ServiceCalls, harness.SystemTest):
     name = "tlsd"
     others = ("busd", "www")
-    patience = 0.5
-    least = 15
+    impatience = 0.5
+    calls = frozenset(("send", "sendmsg", "recvmsg", "epoll_ctl", "epoll_wait", "setsockopt", "getsockopt", "fcntl", "shutdown",
+                       "recv", "socketpair"))
 
     def prepare(self):
         self.port = harness.free_port()
@@ -191,7 +176,7 @@ class Tls(ServiceCalls, harness.SystemTest):
 
     def page(self):
         with rawhttp.Connection.tcp(self.port) as plain:
-            plain.socket.settimeout(self.bus.timeout)
+            plain.socket.settimeout(self.limit)
             with contextlib.closing(self.context.wrap_socket(plain.socket, suppress_ragged_eofs=False)) as sock:
                 sock.sendall(b"GET /a.txt HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
                 self.assertEqual(rawhttp.Connection(sock).read_response().body, b"a")
@@ -199,7 +184,7 @@ class Tls(ServiceCalls, harness.SystemTest):
 
 class Hotspot(ServiceCalls, harness.SystemTest):
     name = "hotspotd"
-    least = 20
+    calls = frozenset(("write", "send", "recvmsg", "epoll_wait", "open", "fsync", "rename"))
     others = ("busd", "www")
 
     def prepare(self):
@@ -220,7 +205,7 @@ class Hotspot(ServiceCalls, harness.SystemTest):
 
     def page(self):
         with rawhttp.Connection.tcp(self.port) as connection:
-            connection.socket.settimeout(self.bus.timeout)
+            connection.socket.settimeout(self.limit)
             self.assertEqual(connection.get("/").status, 200)
 
     def settings(self):
