@@ -81,7 +81,7 @@ TEST_F(Verbs, ServersSayWhatIsWrong) {
             "tn: a server has port, enabled, tls and allowed, not \"prot\"\n");
   EXPECT_EQ(refusal({"servers", "set", "a", "port"}), "tn: \"port\" is not of the kind port=8081\n");
   for (const char* wrong : {"allowed=x", "allowed=10.0.0.0/33", "allowed=::1/129", "allowed=::1/", "allowed=10.0.0.0/x",
-                            "allowed=10.0.0.0/8,,::1"}) {
+                            "allowed=10.0.0.0/8,,::1", "allowed=", "allowed=::1,"}) {
     EXPECT_THAT(refusal({"servers", "set", "a", wrong}), HasSubstr("allowed needs prefixes")) << wrong;
   }
   for (const auto& words : std::vector<std::vector<const char*>>{{"servers", "set"},

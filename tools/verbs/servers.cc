@@ -73,14 +73,18 @@ std::optional<message> readPrefix(std::string_view text) {
   return prefix;
 }
 
+// An empty list is for everyone, and an empty word is no such list: where a variable of a script is empty, nothing is
+// to be opened.
 std::optional<std::string> readAllowed(std::string_view text, message& record) {
   std::vector<message> prefixes;
-  while (text != "everyone" && !text.empty()) {
+  bool isMore = text != "everyone";
+  while (isMore) {
     const std::string_view one = text.substr(0, text.find(','));
     const auto prefix = readPrefix(one);
     if (!prefix) return "allowed needs prefixes such as 10.0.0.0/8,fe80::/10 or everyone, not " + quoted(one);
     prefixes.push_back(*prefix);
-    text.remove_prefix(std::min(one.size() + 1, text.size()));
+    isMore = one.size() < text.size();
+    text.remove_prefix(isMore ? one.size() + 1 : 0);
   }
   record.insert_vector(allowed, prefixes);
   return std::nullopt;
