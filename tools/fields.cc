@@ -25,7 +25,8 @@ std::optional<std::string> inQuotes(std::string_view text) {
 std::optional<std::string> addressBytes(std::string_view text) {
   tn::Addr6 address{};
   std::string whole(text);
-  if (text.find(':') == std::string_view::npos) whole.insert(0, "::ffff:");
+  in_addr four{};
+  if (::inet_pton(AF_INET, whole.c_str(), &four) == 1) whole.insert(0, "::ffff:");
   if (::inet_pton(AF_INET6, whole.c_str(), address.data()) != 1) return std::nullopt;
   std::string out;
   for (const std::uint8_t byte : address)
@@ -35,16 +36,17 @@ std::optional<std::string> addressBytes(std::string_view text) {
 
 std::optional<std::string> listOf(char letter, std::string_view text, std::string& expected) {
   if (text.starts_with('[')) return std::string(text);
+  if (text.empty()) return "[]";
   std::string out = "[";
-  while (!text.empty()) {
+  for (;;) {
     const std::string_view element = text.substr(0, text.find(','));
     const auto value = lineFormOf(letter, element, expected);
     if (!value) return std::nullopt;
-    if (out.size() > 1) out += ',';
     out += *value;
-    text.remove_prefix(std::min(element.size() + 1, text.size()));
+    if (element.size() == text.size()) return out + ']';
+    out += ',';
+    text.remove_prefix(element.size() + 1);
   }
-  return out + ']';
 }
 
 // A key of the line form: a letter of a type and a number in hexadecimal.

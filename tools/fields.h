@@ -9,10 +9,10 @@
 
 namespace tool {
 
-// Reads words of the kind FIELD=VALUE into a message. FIELD is one of `names`, a header field of the bus, or a key of
-// the line form ("u2"). VALUE is a text as it stands, a number, yes or no, an address, or for a list such values with
-// commas between them; lists and messages may be given in the line form, too ("[{u1:5}]"). Returns what is wrong, one
-// line for a person, or nothing.
+// Reads words of the kind FIELD=VALUE into a message. FIELD is one of `names` or a key of the line form ("u2"). VALUE
+// is a text as it stands, a number, yes or no, an address, or for a list such values with commas between them, none for
+// a list of none; lists and messages may be given in the line form, too ("[{u1:5}]"). Returns what is wrong, one line
+// for a person, or nothing.
 [[nodiscard]] std::optional<std::string> readFields(std::span<const std::string_view> words,
                                                     const tn::FieldNames* names, tn::message& out);
 

@@ -78,6 +78,11 @@ TEST(Fields, HaveValuesOfTheirType) {
             "R7:[[1],[]],U8:[3]}");
 }
 
+TEST(Fields, HaveEveryElementOfAList) {
+  EXPECT_EQ(reading({"S4=a,", "S5=,", "S6="}), "{S4:['a',''],S5:['',''],S6:[]}");
+  EXPECT_EQ(reading({"U1=1,"}), "field U1 needs a number from 0 to 4294967295, not \"1,\"");
+}
+
 TEST(Fields, SayWhatIsWrong) {
   EXPECT_EQ(reading({"nam=x"}), "no field is called \"nam\"");
   EXPECT_EQ(reading({"=x"}), "no field is called \"\"");
@@ -87,7 +92,9 @@ TEST(Fields, SayWhatIsWrong) {
   EXPECT_EQ(reading({"hidden=maybe"}), "field hidden needs yes or no, not \"maybe\"");
   EXPECT_EQ(reading({"number=-1"}), "field number needs a number from 0 to 4294967295, not \"-1\"");
   EXPECT_EQ(reading({"U1=1,x"}), "field U1 needs a number from 0 to 4294967295, not \"1,x\"");
-  EXPECT_EQ(reading({"a1=1.2.3"}), "field a1 needs an address, not \"1.2.3\"");
+  for (const std::string wrong : {"1.2.3", "12", "beef", "", "::1.", "1.2.3.4:5"}) {
+    EXPECT_EQ(reading({"a1=" + wrong}), "field a1 needs an address, not \"" + wrong + "\"");
+  }
   EXPECT_EQ(reading({"m1={u1:}"}), "field m1 needs a message such as {u1:5}, not \"{u1:}\"");
   EXPECT_EQ(reading({"m1={},u9:5"}), "field m1 needs a message such as {u1:5}, not \"{},u9:5\"");
   const std::string longName = "name=" + std::string(70000, 'x');
