@@ -287,6 +287,14 @@ class System:
         # One that has ended meanwhile cannot be reached.
         return None if tarnbus.error_of(answer) == tarnbus.UNREACHABLE else member_id
 
+    def settle(self, *services):
+        """Waits until www has what it asked services for when it started, so that none of its listeners is opened anew
+        later. Each of them asks the broker who www is before it answers: hence twice."""
+        for name in services:
+            self.bus_id(name)
+            self.bus_id(name)
+        self.bus_id("www")
+
     def send_record(self, record, command=tarnbus.SET):
         """Sends a server record to www; its reply."""
         client = tarnbus.Client(str(self.bus_path))

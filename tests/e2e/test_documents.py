@@ -66,8 +66,9 @@ class Box:
                      f"server {{s1:'hotspot',u2:{self.port(8090)},M6:[{{u1:0x7f000000,u2:0xff000000}}]}}\n")
         system.start("tnrun")
         harness.wait_until(lambda: PROGRAMS <= set(system.tn("list").stdout.split()), "all programs to join the bus")
-        for port in (8080, 8443, 8090):
-            harness.wait_until(lambda port=port: not rawhttp.refuses(self.port(port)), f"port {port}")
+        for name, port in (("http", 8080), ("https", 8443), ("hotspot", 8090)):
+            system.wait_for_line("tnrun", f"set {name} enabled=1 port={self.port(port)}")
+        system.settle("sermgr", "hotspotd")
         first = harness.wait_until(lambda: self.first_login().exists() and self.first_login().read_text().split(), "the first login")
         self.password = first[3]
 

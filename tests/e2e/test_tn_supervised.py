@@ -1,6 +1,7 @@
 """The bus command line under the supervisor, which tells the log and how the programs are."""
 
 import json
+import re
 import signal
 import unittest
 
@@ -15,6 +16,8 @@ class Supervised(test_tn.CommandLineTest):
         super().setUp()
         self.system.start("tnrun")
         harness.wait_until(lambda: "www" in self.system.tn("list").stdout.split(), "the programs to be on the bus")
+        for name in ("tnrun", "sermgr", "userd", "sysd", "tlsd", "hotspotd", "www"):
+            self.system.bus_id(name)
 
     def test_the_log_is_shown_and_followed(self):
         shown = harness.wait_until(lambda: self.tn("log", "-p", "www", "adding server"), "the lines of www to be kept")
@@ -34,7 +37,7 @@ class Supervised(test_tn.CommandLineTest):
             return all(program["pid"] and program["answers"] for program in programs) and programs
         names = [program["name"] for program in harness.wait_until(is_known, "all programs to answer")]
         self.assertIn("sermgr", names)
-        self.assertRegex(self.tn("status"), r"(?m)^ *68 +sermgr +\d+ +runs ")
+        harness.wait_until(lambda: re.search(r"(?m)^ *68 +sermgr +\d+ +runs ", self.tn("status")), "sermgr to be listed")
 
 
 if __name__ == "__main__":
