@@ -99,7 +99,7 @@ tn::message answerTo(const std::optional<Keeper::Refusal>& refusal) {
 }  // namespace
 
 tn::message Management::cmdGet(tn::message& msg) {
-  if (!permits(msg, tn::policies::read)) return notAllowed();
+  if (!tn::policies::holds(msg, tn::policies::read)) return notAllowed();
   tn::message answer;
   describeCertificate(keeper_, answer);
   answer.insert(way, offload_ ? "kernel where it can, else relay" : "relay");
@@ -108,7 +108,7 @@ tn::message Management::cmdGet(tn::message& msg) {
 }
 
 tn::message Management::cmdSet(tn::message& msg) {
-  if (!permits(msg, tn::policies::changeSettings)) return notAllowed();
+  if (!tn::policies::holds(msg, tn::policies::changeSettings)) return notAllowed();
   const auto certificateText = msg.get(newCertificate);
   const auto keyText = msg.get(newKey);
   if (!certificateText) return tn::errorMsg(error::badRequest, "s1 has to be a certificate in PEM form");
@@ -117,21 +117,15 @@ tn::message Management::cmdSet(tn::message& msg) {
 }
 
 tn::message Management::cmdReset(tn::message& msg) {
-  if (!permits(msg, tn::policies::changeSettings)) return notAllowed();
+  if (!tn::policies::holds(msg, tn::policies::changeSettings)) return notAllowed();
   return answerTo(keeper_.installOwn());
 }
 
 tn::message Management::cmdUnknown(tn::message& msg, std::uint32_t command) {
   if (command != reloadCommand) return Handler::cmdUnknown(msg, command);
-  if (!permits(msg, tn::policies::changeSettings)) return notAllowed();
+  if (!tn::policies::holds(msg, tn::policies::changeSettings)) return notAllowed();
   if (const auto failure = keeper_.reload()) return tn::errorMsg(error::badRequest, *failure);
   return {};
-}
-
-bool permits(const tn::message& msg, std::uint32_t right) {
-  const auto rights = msg.get(tn::field::policies);
-  if (!rights) return !msg.has(tn::field::user);
-  return (*rights & right) != 0;
 }
 
 }  // namespace tlsd

@@ -29,7 +29,4 @@ class Management : public tn::Handler {
   const bool offload_;
 };
 
-// Whether a message comes from a program of the system itself, or on behalf of a user whose policies have `right`.
-[[nodiscard]] bool permits(const tn::message& msg, std::uint32_t right);
-
 }  // namespace tlsd
