@@ -33,33 +33,44 @@ class Reader {
   // Asks for what is new and prints it. Anything but done has been told.
   ExitStatus next() {
     message request;
+    if (const char* const error = makeRequest(request)) return context_.failUsage(error);
+    const message answer = context_.ask(handler_, tn::command::getAll, request);
+    if (tn::isError(answer)) return context_.fail(answer);
+    const std::vector<message> lines = messagesOf(answer, lineList);
+    if (began_) tellMissed(answer, lines.size());
+    after_ = numberOf(answer, newest);
+    began_ = true;
+    for (const message& line : lines)
+      show(line);
+    return ExitStatus::done;
+  }
+
+ private:
+  // Returns what is wrong with the arguments, or nothing.
+  const char* makeRequest(message& request) const {
     const Arguments& arguments = context_.arguments();
     if (began_) request.insert(after, after_);
     if (began_ || arguments.count != 0) {
       request.insert(most, began_ ? mostLines : static_cast<std::uint32_t>(arguments.count));
     }
     if (context_.operandCount() != 0 && !request.insert(containing, context_.operand(0))) {
-      return context_.failUsage("the text to look for is too long");
+      return "the text to look for is too long";
     }
     if (!arguments.program.empty() && !request.insert(onlyProgram, arguments.program)) {
-      return context_.failUsage("the name of the program is too long");
+      return "the name of the program is too long";
     }
-    const message answer = context_.ask(handler_, tn::command::getAll, request);
-    if (tn::isError(answer)) return context_.fail(answer);
-    tellLost(answer);
-    after_ = numberOf(answer, newest);
-    began_ = true;
-    for (const message& line : messagesOf(answer, lineList))
-      show(line);
-    return ExitStatus::done;
+    return nullptr;
   }
 
- private:
-  // Lines that were dropped between two questions were missed; what was dropped before the first was not asked for.
-  void tellLost(const message& answer) {
-    const std::uint64_t dropped = numberOf(answer, lost);
-    if (began_ && dropped > lost_) printError(decimal(dropped - lost_) + " lines of the log were lost");
-    lost_ = dropped;
+  // Lines that came between two questions and are not among the `shown` ones: no longer kept, or too many for an
+  // answer. What was dropped before the first question was not asked for. Of lines that are filtered, only those that
+  // are gone can be counted, whether they would have been shown or not.
+  void tellMissed(const message& answer, std::size_t shown) {
+    const std::uint64_t last = numberOf(answer, newest);
+    const bool isAll = context_.operandCount() == 0 && context_.arguments().program.empty();
+    const std::uint64_t missed = isAll && last >= after_ + shown ? last - after_ - shown : numberOf(answer, lost);
+    if (missed != 0) printError(decimal(missed) + " lines of the log were lost");
+    if (!isAll && shown == mostLines) printError("more lines of the log came than can be shown");
   }
 
   void show(const message& line) {
@@ -74,8 +85,7 @@ class Reader {
   Context& context_;
   const HandlerShape& handler_;
   bool began_ = false;
-  std::uint64_t after_ = 0;
-  std::uint64_t lost_ = 0;
+  std::uint64_t after_ = 0;  // the newest line that was there when it was asked last
 };
 
 }  // namespace
