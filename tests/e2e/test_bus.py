@@ -180,9 +180,10 @@ class Descriptors(BusTest):
         writing, all_closed = self.open_pipes()
         rights = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", [writing]))]
         two = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", [writing, writing]))]
-        several, middle = self.connect(), self.connect()
+        several = self.connect()
         several.sendmsg([join_frame()], two)
         self.assert_disconnected(several)
+        middle = self.connect()
         middle.sendall(join_frame() + frame(68, bytes(100))[:50])
         self.assertEqual(HEADER.unpack(middle.recv(HEADER.size))[1:], (0, CONTROL))
         middle.sendmsg([frame(68, bytes(100))[50:]], rights)

@@ -143,11 +143,13 @@ class Counters(harness.SystemTest):
 
     def test_time_runs_out_in_three_ways(self):
         with contextlib.ExitStack() as stack:
-            silent, half, kept, posting, slow = (
-                stack.enter_context(rawhttp.Connection.tcp(self.port)) for _ in range(5))
-            half.send("GET /a.txt HT")
-            kept.get("/a.txt")
-            posting.send("POST /jsproxy HTTP/1.1\r\nHost: a\r\nContent-Length: 100\r\n\r\nhalf")
+            def connect():
+                return stack.enter_context(rawhttp.Connection.tcp(self.port))
+            silent = connect()
+            connect().send("GET /a.txt HT")
+            connect().get("/a.txt")
+            connect().send("POST /jsproxy HTTP/1.1\r\nHost: a\r\nContent-Length: 100\r\n\r\nhalf")
+            slow = connect()
             slow.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
             slow.request("/big.bin")
 

@@ -88,9 +88,9 @@ class Listeners(harness.SystemTest):
 
     def test_port_in_use(self):
         with socket.socket(socket.AF_INET6, socket.SOCK_STREAM) as other:
-            other.bind(("::", 0))
+            port = harness.free_port()
+            other.bind(("::", port))
             other.listen()
-            port = other.getsockname()[1]
             reply = self.record(name="http", port=port)
             self.assertEqual(tarnbus.error_of(reply), (0xfe000c, "cannot bind service connection"))
             self.system.wait_for_line("www", "error while binding: Address already in use")
@@ -102,9 +102,10 @@ class Listeners(harness.SystemTest):
         self.assertFalse(tarnbus.is_error(self.record(tarnbus.ADD_OBJ, name="guests", port=port)))
         self.system.wait_for_line("www", "adding server guests, ssl=0")
         service = self.system.bus(id=63, name="hotspot")
-        with rawhttp.Connection.unix(port) as local, rawhttp.Connection.tcp(port) as remote:
-            local.send(forward_header())
-            for connection, unix in ((local, True), (remote, False)):
+        for unix in (True, False):
+            with rawhttp.Connection.unix(port) if unix else rawhttp.Connection.tcp(port) as connection:
+                if unix:
+                    connection.send(forward_header())
                 connection.send(b"GET /login HTTP/1.1\r\nConnection: close\r\n\r\n")
                 request = service.receive()
                 self.assertEqual(request.fields[tarnbus.DESTINATION], [15])
@@ -162,10 +163,14 @@ class Listeners(harness.SystemTest):
     def test_connections_outlive_their_listener(self):
         port = harness.free_port()
         self.record(name="http", port=port)
+        # All is at hand, so that the connection is not idle for long.
+        bus, www = self.system.bus(), self.system.bus_id("www")
+        record = tarnbus.record("http", harness.free_port())
         with rawhttp.Connection.tcp(port) as connection:
             connection.get("/a.txt")
-            self.record(name="http", port=harness.free_port())
+            self.assertFalse(tarnbus.is_error(bus.request([www, 1], tarnbus.SET, record)))
             self.assertEqual(connection.get("/a.txt").body, b"a")
+        self.assertTrue(rawhttp.refuses(port))
 
 
 def forward_header(tag=0):
