@@ -35,7 +35,7 @@ TREE = Path(__file__).resolve().parents[2]
 ENTER = TREE / "image" / "enter"
 STAGE = TREE / "image" / "stage"
 # How long anything may take that should take no time: generous, because the machine may be busy and programs emulated.
-PATIENCE = 30.0
+PATIENCE = 60.0
 SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
 
 # Systems that were not closed yet. A test run that is told to end leaves nothing behind either.

@@ -28,22 +28,23 @@ class Owner(threading.Thread):
         self.random = random.Random(name)
         self.count = 0
         self.trouble = None
+        self.connection, self.used = rawhttp.Connection.tcp(port), time.monotonic()
         self.places = [f"open/{name}", f"open/sub/{name}", f"open/{name}/index.html", f"public/{name}/page",
                        f"file-{name}"]
 
     def run(self):
         try:
-            with rawhttp.Connection.tcp(self.port) as self.connection:
-                self.used = time.monotonic()
-                for _ in range(STEPS):
-                    place = self.random.choice(self.places)
-                    with contextlib.suppress(FileNotFoundError, FileExistsError, NotADirectoryError, IsADirectoryError,
-                                             OSError):
-                        self.change(self.web / place)
-                    for _ in range(self.random.randrange(1, 4)):
-                        self.ask(self.random.choice([place, place, self.random.choice(self.places)]))
+            for _ in range(STEPS):
+                place = self.random.choice(self.places)
+                with contextlib.suppress(FileNotFoundError, FileExistsError, NotADirectoryError, IsADirectoryError,
+                                         OSError):
+                    self.change(self.web / place)
+                for _ in range(self.random.randrange(1, 4)):
+                    self.ask(self.random.choice([place, place, self.random.choice(self.places)]))
         except Exception as trouble:  # pylint: disable=broad-except
             self.trouble = trouble
+        finally:
+            self.connection.close()
 
     def content(self):
         self.count += 1
