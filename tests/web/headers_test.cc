@@ -115,6 +115,14 @@ TEST(Headers, Numbers) {
   EXPECT_EQ(value, 7U);
 }
 
+// An empty view may be one of no memory at all, which must not be copied from.
+TEST(Headers, ValuesOfNoMemory) {
+  Headers headers;
+  headers.addHeader("Empty", std::string_view(), false);
+  headers.addHeader("After", "1", false);
+  EXPECT_EQ(printed(headers), "Empty: \r\nAfter: 1\r\n");
+}
+
 TEST(Headers, TextOfAField) {
   Headers headers;
   headers.addHeader("Name", "value", false);
