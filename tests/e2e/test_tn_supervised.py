@@ -20,7 +20,7 @@ class Supervised(test_tn.CommandLineTest):
             self.system.bus_id(name)
 
     def test_the_log_is_shown_and_followed(self):
-        shown = harness.wait_until(lambda: self.tn("log", "-p", "www", "adding server"), "the lines of www to be kept")
+        shown = harness.wait_until(lambda: self.tn("log", "-p", "www", "adding server http,"), "the line of www to be kept")
         self.assertRegex(shown, r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} www: adding server http, ssl=0\n$")
         line = json.loads(self.tn("log", "-j", "-n", "1"))
         self.assertEqual(set(line) - {"error-output"}, {"number", "time-ms", "program", "text"})
