@@ -137,6 +137,7 @@ class Connection {
 
   tn::ThinRunner& runner_;
   std::list<Connection>::iterator self_;  // its place among all
+  bool announced_ = false;                // the bytes just read begin a request, and were there at the runner's wait
   bool working_ = false;                  // holds a workspace: `buffer_` and the memory of both headers
   std::uint32_t bodyRoom_ = 0;            // in ReadBody: what `buffer_` may grow to
 };

@@ -13,7 +13,7 @@ constexpr std::uint32_t mostRarely = 1024;  // a proof that cannot be had is tri
 
 const FileAnswer* FileAnswers::find(const void* owner, std::string_view question) {
   if (runner_ == nullptr || entries_.empty()) return nullptr;
-  if (!std::exchange(checked_, true)) watch_.check();
+  if (!checked_) check();
   const auto found = byKey_.find(Key{owner, question});
   if (found == byKey_.end()) return nullptr;
   Entry& entry = **found->second;
@@ -24,6 +24,12 @@ const FileAnswer* FileAnswers::find(const void* owner, std::string_view question
   entry.used_ = true;
   if (found->second != entries_.begin()) entries_.splice(entries_.begin(), entries_, found->second);
   return &entry.answer;
+}
+
+void FileAnswers::check() {
+  watch_.check();
+  checked_ = true;
+  checkedAfter_ = runner_->waits();
 }
 
 // Of a folder nothing is told that could go stale unannounced.
@@ -68,6 +74,7 @@ void FileAnswers::clear() {
   entries_.clear();
   watch_.close();
   asked_ = {};
+  checkedAfter_ = noWait;
   if (sweepTimer_ != 0) sweeper_->removeTimer(std::exchange(sweepTimer_, 0));
 }
 

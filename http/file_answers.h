@@ -52,10 +52,11 @@ class FileAnswers {
   void prepare() { (void)watch_.open(); }
 
   // For every request, after its last byte was read and before a servlet is asked about it: what is known will be
-  // checked before it is used. The runner drives the sweeps.
-  void beginRequest(tn::ThinRunner& runner) {
+  // checked before it is used. The runner drives the sweeps. `announced`: its first byte was there when the runner's
+  // last wait returned, or before, so that one check serves all such requests until the next wait.
+  void beginRequest(tn::ThinRunner& runner, bool announced) {
     runner_ = &runner;
-    checked_ = false;
+    checked_ = announced && checkedAfter_ == runner.waits();
   }
   // The request is answered. Nothing is known or kept until the next one begins.
   void endRequest() { runner_ = nullptr; }
@@ -95,8 +96,10 @@ class FileAnswers {
     std::size_t hash = 0;
     std::uint32_t times = 0;
   };
+  static constexpr std::uint64_t noWait = UINT64_MAX;
   using Entries = std::list<std::unique_ptr<Entry>>;
 
+  void check();
   [[nodiscard]] bool isWanted(const void* owner, std::string_view question);
   const FileAnswer* insert(std::unique_ptr<Entry> entry);
   [[nodiscard]] static bool stillSame(Entry& entry);
@@ -111,7 +114,8 @@ class FileAnswers {
   tn::ThinRunner* runner_ = nullptr;  // of the request; null between two
   tn::ThinRunner* sweeper_ = nullptr;
   tn::ThinRunner::TimerHandle sweepTimer_ = 0;
-  bool checked_ = false;  // in this request
+  bool checked_ = false;                 // for this request
+  std::uint64_t checkedAfter_ = noWait;  // the wait after which the last check was made
 };
 
 // Those of the process.

@@ -140,7 +140,7 @@ bool EpollRunner::changeSocket(int fd, unsigned mask) {
     if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event) != 0) return false;
   }
   slot->mask = wanted;
-  if (slot->cached && (slot->ready & wanted) != 0) enqueue(fd, *slot);
+  if (slot->cached && (slot->ready & wanted) != 0 && fd != called_) enqueue(fd, *slot);
   return true;
 }
 
@@ -151,19 +151,20 @@ bool EpollRunner::removeSocket(int fd) {
   const int saved = errno;
   if (slot->introduced) epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
   errno = saved;
-  vacate(*slot);
+  vacate(fd, *slot);
   return true;
 }
 
 bool EpollRunner::forgetSocket(int fd) {
   Slot* slot = find(fd);
   if (slot == nullptr) return false;
-  vacate(*slot);
+  vacate(fd, *slot);
   return true;
 }
 
 // The callback goes last: what it holds may come back to the runner while it is destroyed.
-void EpollRunner::vacate(Slot& slot) {
+void EpollRunner::vacate(int fd, Slot& slot) {
+  if (fd == called_) called_ = -1;
   const SocketCallback callback = std::exchange(slot.callback, nullptr);
   ++slot.generation;
   slot.mask = 0;
@@ -171,6 +172,7 @@ void EpollRunner::vacate(Slot& slot) {
   slot.lasting = 0;
   slot.watched = false;
   slot.queued = false;
+  slot.announced = false;
 }
 
 void EpollRunner::drained(int fd, unsigned bits) {
@@ -194,6 +196,7 @@ bool EpollRunner::turn(bool mayWait) {
   }
   const int count = epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeout);
   if (count < 0 && errno != EINTR) return false;
+  countWait();
   timers().setNow(Clock::now());
   for (int i = 0; i < count; ++i)
     note(events_[static_cast<std::size_t>(i)]);
@@ -216,6 +219,7 @@ void EpollRunner::note(const epoll_event& event) {
   Slot* slot = find(entry);
   if (slot == nullptr) return;
   slot->ready |= readyBits(event.events);
+  if ((event.events & EPOLLIN) != 0) slot->announced = true;
   if (slot->cached) slot->lasting |= lastingBits(event.events);
   if ((slot->ready & (slot->mask | hangUp)) != 0) enqueue(entry.fd, *slot);
 }
@@ -239,22 +243,38 @@ bool EpollRunner::callReady() {
   return true;
 }
 
-// The callback is moved out while it runs: it may remove its own socket, or add others, which moves the slots.
+// The callback is held here while it runs: it may remove its own socket, or add others, which moves the slots.
+//
+// A socket that wants something else after its call, and is ready for it, has it at once, while all it works with is at
+// hand: who has read a question writes the answer. What it wants after that waits for the next round.
 void EpollRunner::call(const Entry& entry) {
   Slot* slot = find(entry);
   if (slot == nullptr) return;
   slot->queued = false;
-  const unsigned told = slot->ready & (slot->mask | hangUp);
-  // A hang-up by itself is told once, else a socket that waits for nothing would be called for ever; it goes along with
-  // whatever is told later. What a level socket was ready for is forgotten, the kernel says it again.
-  slot->ready &= static_cast<std::uint8_t>(slot->cached ? ~hangUp : 0U);
-  if (told == 0) return;
   SocketCallback callback = std::move(slot->callback);
-  callback(entry.fd, told | ((slot->lasting & writable) != 0 ? hangUp : 0U));
-  slot = find(entry);
+  const std::uint8_t wanted = slot->mask;
+  called_ = entry.fd;
+  slot = tell(entry, *slot, callback);
+  if (slot != nullptr && slot->mask != wanted) slot = tell(entry, *slot, callback);
+  called_ = -1;
   if (slot == nullptr) return;
   slot->callback = std::move(callback);
   if (slot->cached && (slot->ready & slot->mask) != 0) enqueue(entry.fd, *slot);
+}
+
+// The slot afterwards; null: the callback has removed the socket.
+EpollRunner::Slot* EpollRunner::tell(const Entry& entry, Slot& slot, const SocketCallback& callback) {
+  const unsigned told = slot.ready & (slot.mask | hangUp);
+  // A hang-up by itself is told once, else a socket that waits for nothing would be called for ever; it goes along with
+  // whatever is told later. What a level socket was ready for is forgotten, the kernel says it again.
+  slot.ready &= static_cast<std::uint8_t>(slot.cached ? ~hangUp : 0U);
+  if (told == 0) return &slot;
+  const bool reads = (told & readable) != 0;
+  setAnnounced(reads && slot.announced);
+  if (reads) slot.announced = false;
+  callback(entry.fd, told | ((slot.lasting & writable) != 0 ? hangUp : 0U));
+  setAnnounced(false);
+  return find(entry);
 }
 
 }  // namespace tn

@@ -53,6 +53,7 @@ class EpollRunner : public ThinRunner {
     bool cached : 1 = false;
     bool queued : 1 = false;
     bool introduced : 1 = false;  // the kernel knows it
+    bool announced : 1 = false;   // a wait told of bytes, and the socket was not called to read them yet
   };
   // A socket to be called, and which registration of its number is meant.
   struct Entry {
@@ -65,14 +66,16 @@ class EpollRunner : public ThinRunner {
   [[nodiscard]] Slot* occupy(int fd, unsigned mask, bool cached);
   bool introduce(int fd, Slot& slot);
   void introduceUnknown();
-  void vacate(Slot& slot);
+  void vacate(int fd, Slot& slot);
   void enqueue(int fd, Slot& slot);
   void note(const epoll_event& event);
   void call(const Entry& entry);
+  [[nodiscard]] Slot* tell(const Entry& entry, Slot& slot, const SocketCallback& callback);
   [[nodiscard]] bool kernelToldAll(int count);
   [[nodiscard]] bool callReady();
 
   UniqueFd epoll_;
+  int called_ = -1;  // the socket whose callback runs
   unsigned roundsPerTurn_;
   std::vector<Slot> slots_;     // by descriptor
   std::vector<Entry> pending_;  // sockets to be called next

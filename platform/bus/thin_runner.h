@@ -64,6 +64,12 @@ class ThinRunner {
   // have to be announced by the kernel again before the next call.
   virtual void drained(int fd, unsigned bits) = 0;
 
+  // How often the runner has asked the kernel what is ready.
+  [[nodiscard]] std::uint64_t waits() const { return waits_; }
+  // Within a callback of a cached socket that is told to be readable: unread bytes, or the end, were there when the
+  // last wait returned. So whatever their sender did before had been done by then. False: that is not known.
+  [[nodiscard]] bool announced() const { return announced_; }
+
   // Arms a one-shot timer. The handle is never given twice.
   TimerHandle addTimer(std::uint32_t ms, TimerCallback callback) { return timers_.add(ms, std::move(callback)); }
   // False: no such timer (it ran, or was removed); harmless.
@@ -76,7 +82,13 @@ class ThinRunner {
 
   [[nodiscard]] TimerQueue& timers() { return timers_; }
 
+ protected:
+  void countWait() { ++waits_; }
+  void setAnnounced(bool announced) { announced_ = announced; }
+
  private:
+  std::uint64_t waits_ = 0;
+  bool announced_ = false;
   TimerQueue timers_;
 };
 

@@ -142,6 +142,89 @@ TEST_F(EpollRunnerTest, AnAnswerIsWrittenInTheTurnOfTheQuestion) {
   EXPECT_EQ(told, (std::vector<unsigned>{readable, writable}));
 }
 
+TEST_F(EpollRunnerTest, WhoHasReadWritesBeforeOthersRead) {
+  const Pair first;
+  const Pair second;
+  std::vector<int> called;
+  const auto serve = [&](int fd, unsigned events) {
+    called.push_back(fd);
+    if ((events & readable) != 0) runner.drained(fd, readable);
+    runner.changeSocket(fd, (events & readable) != 0 ? writable : readable);
+  };
+  const int a = first.here.get();
+  const int b = second.here.get();
+  runner.addSocket(a, readable, serve, Trigger::cached);
+  runner.addSocket(b, readable, serve, Trigger::cached);
+  first.feed("x");
+  second.feed("x");
+  turn();
+  EXPECT_EQ(called, (std::vector<int>{a, a, b, b}));
+}
+
+TEST_F(EpollRunnerTest, ASocketWhoseInterestAlwaysTurnsDoesNotKeepOthersWaiting) {
+  const Pair restless;
+  const Pair other;
+  std::vector<int> called;
+  runner.addSocket(
+      restless.here.get(), readable,
+      [&](int fd, unsigned events) {
+        called.push_back(fd);
+        runner.changeSocket(fd, (events & readable) != 0 ? writable : readable);
+      },
+      Trigger::cached);
+  runner.addSocket(
+      other.here.get(), readable,
+      [&](int fd, unsigned) {
+        called.push_back(fd);
+        runner.drained(fd, readable);
+      },
+      Trigger::cached);
+  restless.feed("x");
+  other.feed("x");
+  turn();
+  const int a = restless.here.get();
+  EXPECT_EQ(called, (std::vector<int>{a, a, other.here.get(), a, a, a, a}));
+}
+
+TEST_F(EpollRunnerTest, BytesAreAnnouncedToTheFirstReadAfterTheWaitThatSawThem) {
+  const Pair pair;
+  std::vector<bool> announced;
+  const auto read = [&](int fd, unsigned) {
+    announced.push_back(runner.announced());
+    if (readSome(fd, 1).empty()) runner.drained(fd, readable);
+  };
+  ASSERT_TRUE(runner.addNonBlocking(pair.here.get(), readable, read));
+  fcntl(pair.here.get(), F_SETFL, O_NONBLOCK);
+  pair.feed("x");
+  turn();
+  EXPECT_EQ(announced, (std::vector<bool>{true, false})) << "what the kernel is asked before";
+  EXPECT_FALSE(runner.announced());
+  const std::uint64_t waits = runner.waits();
+  announced.clear();
+  pair.feed("xx");
+  turn();
+  EXPECT_EQ(announced, (std::vector<bool>{true, false, false}));
+  EXPECT_EQ(runner.waits(), waits + 1);
+}
+
+TEST_F(EpollRunnerTest, NothingIsAnnouncedToASocketThatTheKernelDoesNotKnowYet) {
+  const Pair pair;
+  const Pair late;
+  std::vector<bool> announced;
+  runner.addSocket(pair.here.get(), readable, [&](int fd, unsigned) {
+    readSome(fd);
+    late.feed("x");
+    EXPECT_TRUE(runner.addNonBlocking(late.here.get(), readable, [&](int other, unsigned) {
+      announced.push_back(runner.announced());
+      readSome(other);
+      runner.drained(other, readable);
+    }));
+  });
+  pair.feed("x");
+  turn();
+  EXPECT_EQ(announced, std::vector<bool>{false});
+}
+
 TEST_F(EpollRunnerTest, InterestThatComesLaterMeetsRememberedReadiness) {
   const Pair pair;
   pair.feed("x");

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "http/connection.h"
+#include "http/file_answers.h"
 #include "http/file_facts.h"
 #include "platform/bus/epoll_runner.h"
 #include "tests/http/connection_fixture.h"
@@ -24,7 +25,7 @@ class ConnectionEpollTest : public testing::Test {
   void SetUp() override {
     signal(SIGPIPE, SIG_IGN);
     file_ = dir_.write("file", bytes_);
-    site_.servlets = {&fileServlet_, &postServlet_, &parkedServlet_};
+    site_.servlets = {&fileServlet_, &postServlet_, &parkedServlet_, &sizeServlet_, &changeServlet_};
   }
   void TearDown() override {
     peer.close();
@@ -84,14 +85,15 @@ class ConnectionEpollTest : public testing::Test {
   Peer peer;
   bool cached_ = false;
   Response* parked = nullptr;
-  int calls = 0;  // of the connection, by the runner
+  std::function<void()> onChange;  // what a request for "/change" does
+  int calls = 0;                   // of the connection, by the runner
   std::string body;
 
  private:
-  ScratchDir dir_;
   Site site_;
 
  protected:
+  ScratchDir dir_;
   const std::string bytes_ = sampleBytes(8 << 20);
 
  private:
@@ -109,6 +111,26 @@ class ConnectionEpollTest : public testing::Test {
                                  };
                                }};
   ScriptedServlet parkedServlet_{"/parked", [this](Request&, Response& response) { parked = &response; }};
+  ScriptedServlet sizeServlet_{"/size", [this](Request&, Response& response) {
+                                 const auto look = [this](tn::FileView& view, FileAnswer& answer) {
+                                   const auto status = view.status(dir_ / "watched");
+                                   if (status) answer.status = *status;
+                                   return status.has_value();
+                                 };
+                                 struct stat status {};
+                                 const FileAnswer* known = fileAnswers().find(this, "size");
+                                 if (known == nullptr) known = fileAnswers().keep(this, "size", look);
+                                 if (known != nullptr) {
+                                   status = known->status;
+                                 } else {
+                                   EXPECT_EQ(stat((dir_ / "watched").c_str(), &status), 0);
+                                 }
+                                 response.send(std::to_string(status.st_size));
+                               }};
+  ScriptedServlet changeServlet_{"/change", [this](Request&, Response& response) {
+                                   onChange();
+                                   response.send("changed");
+                                 }};
 };
 
 TEST_F(ConnectionEpollTest, SendsALargeFileAgainAndAgain) {
@@ -161,6 +183,33 @@ TEST_F(ConnectionEpollTest, TakesABodyOfAnySize) {
     EXPECT_EQ(receive(6).body, "thanks") << size;
     EXPECT_TRUE(body == sent) << size;
   }
+}
+
+// One look at the changes serves all requests that were there when the turn began, and no other: here one comes, and is
+// read in the same turn, after the file has changed.
+TEST_F(ConnectionEpollTest, ARequestThatCameDuringTheTurnSeesWhatChangedInIt) {
+  dir_.write("watched", "1");
+  open();
+  Peer asking = std::move(peer);
+  // As long as what is read at once, so that the connection reads on without being told.
+  const std::string line = "GET /size HTTP/1.1\r\nPad: ";
+  const std::string request = line + std::string(512 - line.size() - 4, 'x') + "\r\n\r\n";
+  for (int i = 0; i < 4; ++i) {
+    asking.send(request);
+    turn(3);
+    EXPECT_EQ(parseAnswer(asking.receive()).body, "1");
+  }
+  open();
+  turn(3);
+  onChange = [&] {
+    EXPECT_EQ(parseAnswer(asking.receive()).body, "1") << "the first is answered";
+    dir_.write("watched", "22");
+    asking.send(request);
+  };
+  asking.send(request);
+  peer.send("GET /change HTTP/1.1\r\n\r\n");
+  turn(1);
+  EXPECT_EQ(parseAnswer(asking.receive()).body, "2");
 }
 
 TEST_F(ConnectionEpollTest, NoticesAnEndThatComesWithTheLastBytes) {
