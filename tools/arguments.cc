@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/bus/text_parts.h"
 #include "tools/names.h"
 #include "tools/verb.h"
 
@@ -201,10 +202,12 @@ std::optional<std::string> parseArguments(std::span<const char* const> arguments
 
 std::string quoted(std::string_view text) {
   constexpr std::size_t most = 60;
-  std::string out = "\"";
-  for (const char c : text.substr(0, most))
-    out += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
-  return out + (text.size() > most ? "...\"" : "\"");
+  std::size_t end = 0;
+  for (std::size_t next = 0; next <= most; next += std::max<std::size_t>(tn::characterLength(text.substr(next)), 1)) {
+    end = next;
+    if (next == text.size()) break;
+  }
+  return '"' + tn::printableText(text.substr(0, end)) + (end < text.size() ? "...\"" : "\"");
 }
 
 }  // namespace tool

@@ -128,4 +128,20 @@ TEST(Verbs, HaveNamesOfTheirOwn) {
   EXPECT_EQ(tool::findVerb(tool::allVerbs(), ""), nullptr);
 }
 
+TEST(Quoted, IsHarmlessForATerminal) {
+  EXPECT_EQ(tool::quoted("a b"), "\"a b\"");
+  EXPECT_EQ(tool::quoted("\x1b[31m\n"), R"("\x1b[31m\n")");
+  EXPECT_EQ(tool::quoted("\xc2\x9b"
+                         "1m\x9b\xff"),
+            R"("\xc2\x9b1m\x9b\xff")");
+  EXPECT_EQ(tool::quoted("\xc3\xa4"), "\"\xc3\xa4\"");
+}
+
+TEST(Quoted, IsCutBetweenCharacters) {
+  const std::string sixty(60, 'a');
+  EXPECT_EQ(tool::quoted(sixty), '"' + sixty + '"');
+  EXPECT_EQ(tool::quoted(sixty + 'a'), '"' + sixty + "...\"");
+  EXPECT_EQ(tool::quoted(sixty.substr(1) + "\xc3\xa4"), '"' + sixty.substr(1) + "...\"");
+}
+
 }  // namespace
