@@ -15,7 +15,7 @@ export class Feed {
   #render;
   #list;
   #more;
-  #state = h('p', { class: 'feed-state' });
+  #state = h('p', { class: 'feed-state', role: 'status' });
   /** @type {T[]} What is shown. */
   #shown = [];
   /** @type {T[]} What came while the reader was elsewhere, or paused. */
@@ -70,10 +70,11 @@ export class Feed {
     this.#showHeld();
   }
 
-  /** What is said in the place of lines that are not there. */
-  tell(text) {
+  /** What is said in the place of lines that are not there; what is wrong is said over those that are there as well. */
+  tell(text, isWrong = false) {
+    this.element.dataset.state = isWrong ? 'stale' : 'live';
     setText(this.#state, text);
-    this.#state.hidden = this.#shown.length > 0 || !text;
+    this.#state.hidden = !text || (this.#shown.length > 0 && !isWrong);
   }
 
   #release() {
@@ -167,9 +168,8 @@ export class Source {
     const turn = this.#turn;
     const { reply, error } = await this.#session.call(path, command, { q1: this.#after, u2: most, ...fields() }, { form: 'json' });
     if (turn !== this.#turn) return;
-    feed.element.dataset.state = error ? 'stale' : 'live';
     if (error) {
-      feed.tell(trouble(error));
+      feed.tell(trouble(error), true);
       return;
     }
     const newest = reply.q2 ?? 0n;
