@@ -31,6 +31,7 @@ SUITES = {
     "system": ("system.test.mjs", box.WholeBox),
     "idle": ("idle.test.mjs", box.Box),
     "servers": ("servers.test.mjs", box.Box),
+    "handling": ("handling.test.mjs", box.Box),
     "files": ("files.test.mjs", box.Box),
     "settings": ("settings.test.mjs", box.Box),
     "faults": ("faults.test.mjs", box.Box),

@@ -33,6 +33,24 @@ export function setText(element, text) {
   if (element.textContent !== text) element.textContent = text;
 }
 
+const nameOf = (element) => element.getAttribute('aria-label') ?? element.textContent;
+
+/**
+ * Changes what is in a place. Who had the keyboard on something that is made anew gets it on what bears the same name now;
+ * where nothing does any more, on the place itself.
+ * @param {HTMLElement} place
+ * @param {() => void} change
+ */
+export function keepFocus(place, change) {
+  const before = place.contains(document.activeElement) ? document.activeElement : null;
+  change();
+  if (!before || before.isConnected) return;
+  const name = nameOf(before);
+  const same = [...place.querySelectorAll('a, button')].find((element) => nameOf(element) === name);
+  if (!same) place.tabIndex = -1;
+  (same ?? place).focus();
+}
+
 /**
  * Keeps the children of an element in step with a list: those that stay are kept, in the list's order.
  * @template T

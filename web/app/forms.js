@@ -21,7 +21,8 @@ export function checkbox(label, checked, help) {
 }
 
 /**
- * Asks in a dialog. The action runs while the dialog is open and says what is wrong, or gives nothing when it is done.
+ * Asks in a dialog. The action runs while the dialog is open and says what is wrong, or gives nothing when it is done. Whoever
+ * closes the dialog meanwhile does not undo it: the answer comes when it is through.
  * @param {object} question
  * @param {string} question.title
  * @param {(Node|string)[]} question.content
@@ -39,21 +40,28 @@ export function ask({ title, content, label, danger, action }) {
     const form = h('form', { novalidate: true }, h('h2', { id: titleId }, title), ...content, message, h('div', { class: 'buttons' }, cancel, go));
     const dialog = h('dialog', { 'aria-labelledby': titleId }, form);
     let done = false;
-    form.addEventListener('submit', async (event) => {
-      event.preventDefault();
-      go.disabled = true;
+    let running = null;
+    // The button is not disabled meanwhile: it would lose the keyboard.
+    async function run() {
+      go.setAttribute('aria-disabled', 'true');
       message.dataset.tone = 'info';
       setText(message, '');
       const wrong = await action((text) => setText(message, text));
-      go.disabled = false;
+      go.removeAttribute('aria-disabled');
       message.dataset.tone = 'bad';
       setText(message, wrong ?? '');
+      running = null;
       if (wrong) return;
       done = true;
       dialog.close();
+    }
+    form.addEventListener('submit', (event) => {
+      event.preventDefault();
+      running ??= run();
     });
-    dialog.addEventListener('close', () => {
+    dialog.addEventListener('close', async () => {
       dialog.remove();
+      await running;
       resolve(done);
     });
     document.body.append(dialog);

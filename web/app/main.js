@@ -174,13 +174,24 @@ function showTabs(list, current) {
   });
 }
 
+// What asks goes with the page that it belongs to, undone.
 function closePage() {
+  for (const dialog of document.querySelectorAll('dialog[open]')) dialog.close();
   shown?.page?.stop();
   shown = null;
   view.replaceChildren();
 }
 
+// A file that is dropped beside the place for it would be shown by the browser, in the place of the interface.
+function refuseDrop(event) {
+  if (event.defaultPrevented || !event.dataTransfer?.types.includes('Files')) return;
+  event.preventDefault();
+  event.dataTransfer.dropEffect = 'none';
+}
+
 session.onState(onState);
+addEventListener('dragover', refuseDrop);
+addEventListener('drop', refuseDrop);
 addEventListener('hashchange', route);
 addEventListener('online', () => session.retryNow());
 addEventListener('pagehide', () => session.endNow());

@@ -1,4 +1,4 @@
-// Asking a service again and again.
+// Asking a service again and again, or once more.
 
 /**
  * Asks at once, and again a while after each answer, as long as the page can be seen and the session is online.
@@ -41,4 +41,22 @@ export function poll(session, pause, ask) {
       document.removeEventListener('visibilitychange', step);
     },
   };
+}
+
+// A service that is away is asked again after so long, in ms.
+const patience = 3000;
+
+/**
+ * Another try for what is asked once: a while later, and not while nobody can see it.
+ * @param {() => void} ask
+ * @returns {{later: () => void, cancel: () => void}}
+ */
+export function retry(ask) {
+  let timer;
+  const cancel = () => clearTimeout(timer);
+  function later() {
+    cancel();
+    timer = setTimeout(() => (document.hidden ? later() : ask()), patience);
+  }
+  return { later, cancel };
 }

@@ -3,7 +3,7 @@ import { commands } from '../../client/index.js';
 import { h } from '../dom.js';
 import { Feed, Source, pauseButton } from '../feed.js';
 import { bytes, clockTime } from '../format.js';
-import { poll } from '../poll.js';
+import { poll, retry } from '../poll.js';
 import { askPrograms, troubleText } from '../programs.js';
 import { makeSender } from './sender.js';
 
@@ -70,6 +70,7 @@ export function startConsole(place, { session }) {
     return [h('time', { datetime: new Date(frame.time).toISOString() }, clockTime(frame.time)), way, size, textOf(frame.text)];
   }
 
+  const again = retry(fillPrograms);
   const asking = poll(session, interval, async () => {
     if (!named) await fillPrograms();
     await source.ask();
@@ -88,7 +89,8 @@ export function startConsole(place, { session }) {
 
   async function fillPrograms() {
     named = true;
-    const { programs = [] } = await askPrograms(session);
+    const { programs, error } = await askPrograms(session);
+    if (error) return again.later();
     for (const { name, bus } of programs) {
       if (!bus || names.has(bus)) continue;
       names.set(bus, name);
@@ -101,6 +103,7 @@ export function startConsole(place, { session }) {
     onOnline: () => (named = false),
     stop() {
       clearTimeout(typing);
+      again.cancel();
       asking.stop();
     },
   };

@@ -28,7 +28,7 @@ export function makeSender(session) {
   const names = h('datalist', { id: 'known-commands' });
   const fault = h('p', { class: 'fault', role: 'status' });
   const go = h('button', { type: 'submit', class: 'primary' }, 'Send');
-  const answer = h('div', { class: 'answer', role: 'region', 'aria-label': 'Reply', 'aria-live': 'polite' }, h('p', { class: 'soft' }, 'The reply will stand here.'));
+  const answer = h('div', { class: 'answer', tabindex: 0, role: 'region', 'aria-label': 'Reply', 'aria-live': 'polite' }, h('p', { class: 'soft' }, 'The reply will stand here.'));
   const form = h(
     'form',
     { class: 'sender-form', novalidate: true, 'aria-label': 'Message' },
@@ -42,6 +42,8 @@ export function makeSender(session) {
     event.preventDefault();
     send();
   });
+
+  let busy = false;
 
   // What is to be sent, or what is wrong with which of the inputs.
   function read() {
@@ -69,20 +71,25 @@ export function makeSender(session) {
       else input.removeAttribute('aria-invalid');
     }
     fault.replaceChildren(...(result.wrong ?? []));
-    go.disabled = result.wrong !== undefined || form.dataset.busy === 'true';
+    go.disabled = result.wrong !== undefined;
     return result;
+  }
+
+  // The button is not disabled meanwhile: it would lose the keyboard.
+  function setBusy(now) {
+    busy = now;
+    if (busy) go.setAttribute('aria-disabled', 'true');
+    else go.removeAttribute('aria-disabled');
   }
 
   async function send() {
     const { to, number, message, wrong } = check();
-    if (wrong) return;
-    form.dataset.busy = 'true';
-    check();
+    if (wrong || busy) return;
+    setBusy(true);
     const began = performance.now();
     const { reply, error } = await session.call(to, number, message);
     const took = `${Math.round(performance.now() - began)} ms`;
-    form.dataset.busy = 'false';
-    check();
+    setBusy(false);
     const title = `${to.join('/')} ${command.value.trim()}`;
     answer.dataset.state = error ? 'failed' : 'done';
     if (error) answer.replaceChildren(head(title, took), h('p', { class: 'problem' }, errorText(error)));

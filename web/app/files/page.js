@@ -2,12 +2,10 @@
 import { commands, permissions } from '../../client/index.js';
 import { h } from '../dom.js';
 import { ask, failureText, field } from '../forms.js';
+import { retry } from '../poll.js';
 import { Listing } from './listing.js';
 import { child, folderAt, kinds, list, path, room } from './service.js';
 import { Transfers } from './transfers.js';
-
-// A service that is away is asked again after this long, in ms.
-const patience = 3000;
 
 /**
  * @param {HTMLElement} place
@@ -38,7 +36,7 @@ export function startFiles(place, { session, notices, within }) {
   // Counts what was asked for, so that an answer that was overtaken is known.
   let turns = 0;
   let stopped = false;
-  let later;
+  const another = retry(load);
   let loading = Promise.resolve();
 
   function load(least) {
@@ -48,7 +46,7 @@ export function startFiles(place, { session, notices, within }) {
 
   async function loadNow(least) {
     if (stopped) return;
-    clearTimeout(later);
+    another.cancel();
     const turn = ++turns;
     const folder = wanted;
     listing.wait();
@@ -59,7 +57,7 @@ export function startFiles(place, { session, notices, within }) {
     else listing.showError(folder, failureText(error));
     listing.showRoom(space);
     makeButton.disabled = area.button.disabled = !shown;
-    if (error?.serviceAway) later = setTimeout(load, patience);
+    if (error?.serviceAway) another.later();
   }
 
   // As much of the folder as was shown.
@@ -169,7 +167,7 @@ export function startFiles(place, { session, notices, within }) {
     onAddress: enter,
     stop() {
       stopped = true;
-      clearTimeout(later);
+      another.cancel();
       transfers.stop();
       notices.clear('files');
     },

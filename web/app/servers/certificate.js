@@ -1,16 +1,15 @@
 // The certificate that servers with TLS show: what it says, until when it is good, and how to get another one.
 import { commands } from '../../client/index.js';
-import { h } from '../dom.js';
+import { h, keepFocus } from '../dom.js';
 import { ask, failureText, field, sentence } from '../forms.js';
 import { count, day } from '../format.js';
+import { retry } from '../poll.js';
 import { troubleText } from '../programs.js';
 
 const path = [12, 1];
 const dayLength = 86400000;
 // A certificate that ends within so many days is worth a word.
 const soon = 30;
-// A service that is away is asked again after so long, in ms.
-const patience = 3000;
 
 const readCertificate = (message) => ({
   subject: message.s1,
@@ -36,6 +35,9 @@ function warningOf({ origin, problem, from, until }) {
   return null;
 }
 
+// A line may end behind any of the colons.
+const breakable = (text) => text.split(/(?<=:)/).flatMap((piece) => [piece, h('wbr')]);
+
 const fact = (title, ...content) => h('div', {}, h('dt', {}, title), h('dd', {}, ...content));
 
 /**
@@ -47,7 +49,7 @@ const fact = (title, ...content) => h('div', {}, h('dt', {}, title), h('dd', {},
 export function certificatePanel(session, notices, mayChange) {
   const content = h('div', { class: 'certificate' });
   const buttons = h('div', { class: 'buttons' });
-  let later;
+  const again = retry(load);
   let stopped = false;
   const element = h(
     'section',
@@ -58,16 +60,16 @@ export function certificatePanel(session, notices, mayChange) {
   );
 
   async function load() {
-    clearTimeout(later);
+    again.cancel();
     const { reply, error } = await session.call(path, commands.get);
     if (stopped) return;
-    if (error?.serviceAway) later = setTimeout(load, patience);
+    if (error?.serviceAway) again.later();
     if (error) {
       content.replaceChildren(h('p', { class: 'soft' }, troubleText(error, 'The TLS service')));
       buttons.replaceChildren();
       return;
     }
-    show(readCertificate(reply));
+    keepFocus(element, () => show(readCertificate(reply)));
   }
 
   function show(certificate) {
@@ -87,7 +89,7 @@ export function certificatePanel(session, notices, mayChange) {
             fact('Good from', day(from)),
             fact('Good until', day(until), h('p', { class: 'soft' }, `${count(left)} days left`)),
           ),
-        fingerprint && h('dl', { class: 'facts one' }, fact('SHA-256 fingerprint', h('code', { class: 'fingerprint' }, fingerprint))),
+        fingerprint && h('dl', { class: 'facts one' }, fact('SHA-256 fingerprint', h('code', { class: 'fingerprint' }, ...breakable(fingerprint)))),
       ].filter(Boolean),
     );
     buttons.replaceChildren(
@@ -142,7 +144,7 @@ export function certificatePanel(session, notices, mayChange) {
     load,
     stop() {
       stopped = true;
-      clearTimeout(later);
+      again.cancel();
     },
   };
 }

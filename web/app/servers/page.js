@@ -1,10 +1,10 @@
 // The servers page: where the system listens, from where, and whether that worked.
 import { commands, permissions } from '../../client/index.js';
 import { countersHandler, readCounters } from '../counters.js';
-import { h, setText } from '../dom.js';
+import { h, keepFocus, setText } from '../dom.js';
 import { ask, checkbox, failureText, field } from '../forms.js';
 import { duration } from '../format.js';
-import { poll } from '../poll.js';
+import { poll, retry } from '../poll.js';
 import { WebServer, troubleText } from '../programs.js';
 import { certificatePanel } from './certificate.js';
 import { Counters } from './counters.js';
@@ -39,6 +39,7 @@ export function startServers(place, { session, notices }) {
     ),
   );
   let stopped = false;
+  const again = retry(load);
 
   const asking = poll(session, interval, async () => {
     const { reply, error, supervisorAway } = await server.call(countersHandler, commands.get);
@@ -49,15 +50,17 @@ export function startServers(place, { session, notices }) {
   });
 
   async function load() {
+    again.cancel();
     const { reply, error } = await session.call(path, commands.getAll);
     if (stopped) return;
+    if (error?.serviceAway) again.later();
     if (error) list.replaceChildren(h('li', { class: 'empty' }, failureText(error)));
     else showRecords((reply.M1 ?? []).map(readRecord));
   }
 
   function showRecords(records) {
     counters.clear();
-    list.replaceChildren(...records.map(row));
+    keepFocus(list, () => list.replaceChildren(...records.map(row)));
     asking.now();
   }
 
@@ -84,8 +87,8 @@ export function startServers(place, { session, notices }) {
         ? h(
             'div',
             { class: 'buttons' },
-            own ? null : h('button', { type: 'button', class: 'plain', onclick: () => remove(record) }, 'Remove'),
-            h('button', { type: 'button', class: 'plain', onclick: () => edit(record) }, 'Change'),
+            own ? null : h('button', { type: 'button', class: 'plain', 'aria-label': `Remove ${record.name}`, onclick: () => remove(record) }, 'Remove'),
+            h('button', { type: 'button', class: 'plain', 'aria-label': `Change ${record.name}`, onclick: () => edit(record) }, 'Change'),
           )
         : null,
       figures.element,
@@ -183,6 +186,7 @@ export function startServers(place, { session, notices }) {
     onOnline: loadAll,
     stop() {
       stopped = true;
+      again.cancel();
       asking.stop();
       certificate.stop();
     },

@@ -1,7 +1,8 @@
 // The users page: who may log in, and what each group may do.
 import { commands } from '../../client/index.js';
-import { h } from '../dom.js';
+import { h, keepFocus } from '../dom.js';
 import { ask, checkbox, failureText, field } from '../forms.js';
+import { retry } from '../poll.js';
 import { rights, rightsText } from '../rights.js';
 import { passwordComplaint, passwordInput } from './password.js';
 import { groups, readGroup, readUser, setPassword, users, writeGroup, writeUser } from './service.js';
@@ -15,6 +16,7 @@ export function startUsers(place, { session, skins }) {
   const groupRows = h('tbody');
   let known = { users: [], groups: [] };
   let stopped = false;
+  const again = retry(load);
 
   place.append(
     h(
@@ -28,16 +30,18 @@ export function startUsers(place, { session, skins }) {
   );
 
   async function load() {
+    again.cancel();
     const [userList, groupList] = await Promise.all([session.call(users, commands.getAll), session.call(groups, commands.getAll)]);
     if (stopped) return;
     const error = userList.error ?? groupList.error;
+    if (error?.serviceAway) again.later();
     if (error) {
       userRows.replaceChildren(h('tr', {}, h('td', { colspan: 4, class: 'empty' }, failureText(error))));
       return;
     }
     known = { users: (userList.reply.M1 ?? []).map(readUser), groups: (groupList.reply.M1 ?? []).map(readGroup) };
-    userRows.replaceChildren(...known.users.map(userRow));
-    groupRows.replaceChildren(...known.groups.map(groupRow));
+    keepFocus(userRows, () => userRows.replaceChildren(...known.users.map(userRow)));
+    keepFocus(groupRows, () => groupRows.replaceChildren(...known.groups.map(groupRow)));
   }
 
   const run = async (path, command, fields) => {
@@ -125,14 +129,15 @@ export function startUsers(place, { session, skins }) {
     }).then(load);
   }
 
-  async function editGroup(group) {
+  function editGroup(group) {
     const before = group ?? { name: '', policies: 0x10, skin: 'default' };
     const name = h('input', { value: before.name, maxlength: 64, spellcheck: 'false', autocapitalize: 'none', autocomplete: 'off' });
     const boxes = rights.map(({ bit, title, meaning }) => ({ bit, ...checkbox(title, (before.policies & bit) !== 0, meaning) }));
     const named = rights.reduce((sum, { bit }) => sum | bit, 0);
     // One that was put into the user store is as good as one that came with the system.
     const skin = h('input', { value: before.skin, maxlength: 64, spellcheck: 'false', autocapitalize: 'none', autocomplete: 'off', list: 'skins' });
-    const shipped = h('datalist', { id: 'skins' }, ...(await skins()).map((title) => h('option', { value: title })));
+    const shipped = h('datalist', { id: 'skins' });
+    skins().then((titles) => shipped.append(...titles.map((title) => h('option', { value: title }))));
     ask({
       title: group ? `Change ${group.name}` : 'Add a group',
       content: [
@@ -156,6 +161,7 @@ export function startUsers(place, { session, skins }) {
     onOnline: load,
     stop() {
       stopped = true;
+      again.cancel();
     },
   };
 }
