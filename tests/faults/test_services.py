@@ -178,8 +178,9 @@ class Tls(ServiceCalls, harness.SystemTest):
         with rawhttp.Connection.tcp(self.port) as plain:
             plain.socket.settimeout(self.limit)
             with contextlib.closing(self.context.wrap_socket(plain.socket, suppress_ragged_eofs=False)) as sock:
-                sock.sendall(b"GET /a.txt HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
-                self.assertEqual(rawhttp.Connection(sock).read_response().body, b"a")
+                connection = rawhttp.Connection(sock)
+                sock.settimeout(self.limit)
+                self.assertEqual(connection.get("/a.txt", "Connection: close").body, b"a")
 
 
 class Hotspot(ServiceCalls, harness.SystemTest):
