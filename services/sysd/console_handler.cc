@@ -97,14 +97,17 @@ tn::message ConsoleHandler::cmdGetAll(tn::message& msg) {
 }
 
 void ConsoleHandler::watch() {
-  if (!watching()) askBroker(false);
+  if (!watching()) {
+    // Numbers of requests may have been used again for a secret, unseen.
+    secrecy_ = {};
+    askBroker(false);
+  }
   stop_.start(looper_.runner().timers(), watchMs);
 }
 
 void ConsoleHandler::stopWatching() {
   askBroker(true);
   ring_.clear();
-  secrecy_ = {};
 }
 
 // The broker has forgotten it with the link; the next question asks anew.

@@ -273,6 +273,16 @@ TEST_F(ConsoleTest, ANumberThatIsUsedAgainForASecret) {
   EXPECT_EQ(shown(userd, 1002, "{uff0020:9,bff0021:1}"), hidden);
 }
 
+TEST_F(ConsoleTest, ANumberThatIsUsedAgainWhileNobodyLooks) {
+  shown(1002, userd, "{uff0007:0xfe0107,uff0020:9}");
+  bus.unlink();
+  bus.link();
+  EXPECT_EQ(shown(userd, 1002, "{uff0020:9,bff0021:1}"), hidden);
+  shown(1002, userd, "{uff0007:0xfe0107,uff0020:10}");
+  loop.advance(ConsoleHandler::watchMs);
+  EXPECT_EQ(shown(userd, 1002, "{uff0020:10,bff0021:1}"), hidden);
+}
+
 TEST_F(ConsoleTest, WhatTheUserServiceSaysOfItsOwnAccord) {
   EXPECT_EQ(shown(userd, 0xff0001, "{uff0007:16646164}"), "{uff0007:16646164}");
   EXPECT_EQ(shown(userd, 1002, "{uff0007:77,s3:'secret'}"), hidden);
