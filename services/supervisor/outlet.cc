@@ -11,6 +11,17 @@
 #include <unistd.h>
 
 namespace tnrun {
+namespace {
+
+std::uint64_t linesIn(std::string_view text) {
+  return static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+std::string droppedLine(std::uint64_t lines) {
+  return "log: " + std::to_string(lines) + " lines dropped\n";
+}
+
+}  // namespace
 
 Outlet::Outlet(tn::TimerQueue& timers, int fd) : timers_(timers), fd_(fd), retry_([this] { flush(); }) {
   struct stat status {};
@@ -26,9 +37,10 @@ Outlet::Outlet(tn::TimerQueue& timers, int fd) : timers_(timers), fd_(fd), retry
 }
 
 void Outlet::write(std::string_view lines) {
-  if (kept_.size() + lines.size() > maxKeptBytes) flush();
-  if (kept_.size() + lines.size() > maxKeptBytes) {
-    dropped_ += static_cast<std::uint64_t>(std::count(lines.begin(), lines.end(), '\n'));
+  const auto fits = [&] { return kept_.size() + lines.size() <= maxKeptBytes; };
+  if (!fits()) flush();
+  if (!(failed_ ? takesAgain() : fits())) {
+    dropped_ += linesIn(lines);
     return;
   }
   tellDropped();
@@ -38,8 +50,23 @@ void Outlet::write(std::string_view lines) {
 
 void Outlet::tellDropped() {
   if (dropped_ == 0) return;
-  kept_ += "log: " + std::to_string(dropped_) + " lines dropped\n";
+  kept_ += droppedLine(dropped_);
   dropped_ = 0;
+}
+
+void Outlet::fail(std::size_t done) {
+  dropped_ += linesIn(std::string_view(kept_).substr(done));
+  failed_ = true;
+  kept_.clear();
+  retry_.cancel();
+}
+
+bool Outlet::takesAgain() {
+  const std::string told = (torn_ ? "\n" : "") + droppedLine(dropped_);
+  if (!takes() || writeSome(told) != static_cast<long>(told.size())) return false;
+  failed_ = torn_ = false;
+  dropped_ = 0;
+  return true;
 }
 
 void Outlet::flush() {
@@ -48,9 +75,9 @@ void Outlet::flush() {
     const long count = writeSome(std::string_view(kept_).substr(done));
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN) break;
-    // Nobody will ever take it.
-    if (count <= 0) done = kept_.size();
-    if (count > 0) done += static_cast<std::size_t>(count);
+    if (count <= 0) return fail(done);
+    done += static_cast<std::size_t>(count);
+    torn_ = kept_[done - 1] != '\n';
   }
   kept_.erase(0, done);
   if (kept_.empty()) tellDropped();

@@ -15,8 +15,11 @@ namespace tnrun {
 // at once is kept and tried again; what does not fit any more is dropped, and once the reader goes on it is told in a
 // line of its own how many lines that were ("log: N lines dropped").
 //
+// Where a write fails otherwise (the disk is full, the reader is gone), what it was to hold is dropped as well; each
+// line that comes later tries again.
+//
 // A terminal or a pipe is opened anew for this, where that can be done, so that it may refuse to take more without
-// being made non-blocking for the other programs that share it. A file takes every write.
+// being made non-blocking for the other programs that share it. A file makes nobody wait.
 class Outlet {
  public:
   static constexpr std::size_t maxKeptBytes = 256U << 10U;
@@ -39,6 +42,10 @@ class Outlet {
   [[nodiscard]] bool takes() const;
   [[nodiscard]] long writeSome(std::string_view bytes) const;
   void tellDropped();
+  // A write failed when that much of what is kept had been written.
+  void fail(std::size_t done);
+  // Whether it can be told by now what was dropped.
+  bool takesAgain();
 
   tn::TimerQueue& timers_;
   UniqueFd own_;  // the descriptor that was opened anew
@@ -46,6 +53,8 @@ class Outlet {
   Sink sink_ = Sink::shared;
   std::string kept_;
   std::uint64_t dropped_ = 0;  // lines, not told yet
+  bool failed_ = false;        // the last write did, and nothing is kept
+  bool torn_ = false;          // what was written last ends within a line
   tn::Timer retry_;
 };
 

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include "tests/fakes/fake_runner.h"
@@ -121,6 +122,34 @@ TEST_F(OutletTest, AReaderThatIsGoneCostsNothing) {
   pipe.reading.reset();
   for (int i = 0; i < 10000; ++i)
     outlet.write(line);
+  EXPECT_EQ(outlet.keptBytes(), 0U);
+}
+
+TEST_F(OutletTest, WhatAFullDiskTookNotIsToldWhenThereIsRoom) {
+  signal(SIGXFSZ, SIG_IGN);
+  constexpr off_t limit = 1 << 30;
+  const off_t begin = limit - static_cast<off_t>(line.size() + line.size() / 2);
+  char name[] = "/tmp/tnoutletXXXXXX";
+  const UniqueFd file(mkstemp(name));
+  unlink(name);
+  ASSERT_EQ(lseek(file.get(), begin, SEEK_SET), begin);
+  Outlet outlet(runner.timers(), file.get());
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  rlimit small = before;
+  small.rlim_cur = limit;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  for (int i = 0; i < 5; ++i)
+    outlet.write(line);
+  runner.advance(10 * Outlet::retryMs);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+  outlet.write("again\n");
+  outlet.write("and again\n");
+  std::string text(1000, '\0');
+  const ssize_t count = pread(file.get(), text.data(), text.size(), begin);
+  ASSERT_GT(count, 0);
+  EXPECT_EQ(text.substr(0, static_cast<std::size_t>(count)),
+            line + std::string(line.size() / 2, 'x') + "\nlog: 4 lines dropped\nagain\nand again\n");
   EXPECT_EQ(outlet.keptBytes(), 0U);
 }
 
