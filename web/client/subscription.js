@@ -55,9 +55,13 @@ export class Subscription {
     else this.#arrived(() => this.#options.onReply(reply));
   }
 
-  /** A push. Called by the session. */
+  /**
+   * A push. Called by the session. Whoever is logged in anywhere can address this session as services do, so it counts only
+   * from the program that was asked: the broker vouches for the first piece of the sender's path.
+   */
   deliver(message) {
-    if (this.#active) this.#arrived(() => this.#options.onPush(message));
+    if (!this.#active || message.Uff0002?.[0] !== this.#options.path[0]) return;
+    this.#arrived(() => this.#options.onPush(message));
   }
 
   /** The session is lost or has ended; it calls activate() when it is back. Called by the session. */

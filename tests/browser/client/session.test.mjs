@@ -101,9 +101,10 @@ class Server {
     return [...this.sessions.values()][0];
   }
 
+  // From the service, unless the message says otherwise.
   async push(session, message) {
     await until(() => session.polls.length, 'a poll');
-    session.polls.shift()(this.#answer(session, message));
+    session.polls.shift()(this.#answer(session, { Uff0002: helper, ...message }));
   }
 
   // What a server that is started anew knows: nothing. Its connections end.
@@ -171,8 +172,12 @@ test('a subscription is told its answer and its pushes, and those of others are 
   await server.push(server.only, { Uff0001: channels[1], u1: 2 });
   await server.push(server.only, { Uff0001: [99], u1: 3 });
   await server.push(server.only, { u1: 4 });
-  await until(() => late.pushes.length, 'the push');
-  assert.deepEqual([early.pushes, late.pushes], [[1], [2]]);
+  // Of another session of the same server, and of nobody.
+  await server.push(server.only, { Uff0001: channels[0], Uff0002: [1005, 1, 7], u1: 5 });
+  await server.push(server.only, { Uff0001: channels[0], Uff0002: [], u1: 6 });
+  await server.push(server.only, { Uff0001: channels[1], u1: 7 });
+  await until(() => late.pushes.length === 2, 'the last push');
+  assert.deepEqual([early.pushes, late.pushes], [[1], [2, 7]]);
   late.subscription.stop();
   await until(() => server.asked.at(-1).uff0007 === unsubscribe, 'the service to be told');
   assert.deepEqual(server.asked.at(-1).Uff0002, channels[1]);
