@@ -2,7 +2,6 @@
 
 #include "platform/bus/text.h"
 #include "services/common/beginning.h"
-#include "services/common/newest.h"
 
 namespace tnrun {
 namespace {
@@ -29,8 +28,7 @@ void Journal::add(std::string_view program, Stream stream, std::string_view line
 Journal::Found Journal::find(const Query& query) const {
   const auto fitting = [&query](const Line& line) { return fits(line, query); };
   const auto toTell = [](const Line& line) { return cost(line) + line.program.size(); };
-  return {service::entriesBehind(query, lines_, fitting, toTell), newest_,
-          service::lostBehind(query.after, newest_, lines_.size())};
+  return service::findNewest(query, lines_, newest_, fitting, toTell);
 }
 
 }  // namespace tnrun

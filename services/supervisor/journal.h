@@ -5,7 +5,8 @@
 #include <deque>
 #include <string>
 #include <string_view>
-#include <vector>
+
+#include "services/common/newest.h"
 
 namespace tnrun {
 
@@ -36,11 +37,7 @@ class Journal {
     std::string_view containing;       // empty: any
     std::string_view program;          // empty: any
   };
-  struct Found {
-    std::vector<const Line*> lines;  // in order; they die with the next change
-    std::uint64_t newest = 0;        // number of the newest line; 0 before there is one
-    std::uint64_t lost = 0;          // lines behind `after` that are no longer kept
-  };
+  using Found = service::Newest<Line>;
 
   // A line without its end. Bytes that are no text, or that a terminal would obey, are escaped.
   void add(std::string_view program, Stream stream, std::string_view line, std::uint64_t time);

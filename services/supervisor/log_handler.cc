@@ -1,7 +1,5 @@
 #include "services/supervisor/log_handler.h"
 
-#include <vector>
-
 #include "platform/bus/looper.h"
 #include "platform/policies.h"
 
@@ -10,16 +8,9 @@ namespace {
 
 constexpr std::uint32_t badRequest = 0xfe0010;
 
-// Of the request:
-constexpr tn::u64_id afterField{1};
-constexpr tn::u32_id mostField{2};
+// Of the request, besides what asks for the newest of anything:
 constexpr tn::string_id containingField{3};
 constexpr tn::string_id wantedProgramField{4};
-
-// Of the answer:
-constexpr tn::message_array_id linesField{1};
-constexpr tn::u64_id newestField{2};
-constexpr tn::u64_id lostField{3};
 
 // Of each line:
 constexpr tn::u64_id numberField{1};
@@ -44,25 +35,15 @@ tn::message LogHandler::cmdGetAll(tn::message& msg) {
   if (!tn::policies::holds(msg, tn::policies::changeSettings)) {
     return tn::errorMsg(tn::error::notAllowed, "not allowed");
   }
-  const std::uint32_t most = msg.get(mostField).value_or(usualLines);
+  const std::uint32_t most = msg.get(service::mostField).value_or(usualLines);
   if (most < 1 || most > mostLines) return tn::errorMsg(badRequest, "an answer (u32 2) has 1 to 500 lines");
   Journal::Query query;
-  query.after = msg.get(afterField).value_or(0);
+  query.after = msg.get(service::afterField).value_or(0);
   query.most = most;
   query.mostBytes = mostBytes;
   query.containing = msg.get(containingField).value_or(std::string_view());
   query.program = msg.get(wantedProgramField).value_or(std::string_view());
-
-  const Journal::Found found = journal_.find(query);
-  std::vector<tn::message> lines;
-  lines.reserve(found.lines.size());
-  for (const Journal::Line* line : found.lines)
-    lines.push_back(describe(*line));
-  tn::message answer;
-  answer.insert_vector(linesField, lines);
-  answer.insert(newestField, found.newest);
-  answer.insert(lostField, found.lost);
-  return answer;
+  return service::newestMessage(journal_.find(query), describe);
 }
 
 }  // namespace tnrun

@@ -1,9 +1,10 @@
 #include "services/supervisor/log_keeper.h"
 
 #include <cerrno>
-#include <chrono>
 #include <unistd.h>
 #include <utility>
+
+#include "services/common/clock.h"
 
 namespace tnrun {
 namespace {
@@ -11,11 +12,6 @@ namespace {
 constexpr std::size_t readBytes = 64U << 10U;
 // What is read of a pipe in a row at the most: somebody who writes without end holds nobody else up.
 constexpr int maxReads = 32;
-
-std::uint64_t nowMs() {
-  const auto since = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(since).count());
-}
 
 }  // namespace
 
@@ -109,11 +105,11 @@ void LogKeeper::close(std::size_t program, Stream stream) {
 void LogKeeper::note(std::size_t program, Stream stream, const LineCutter::Piece& piece, std::string& passed) {
   passed += piece.text;
   if (piece.ends) passed += '\n';
-  if (piece.begins) journal_.add(programs_[program].name, stream, piece.text, nowMs());
+  if (piece.begins) journal_.add(programs_[program].name, stream, piece.text, service::calendarMs());
 }
 
 void LogKeeper::say(Stream stream, std::string_view line) {
-  journal_.add(ownName, stream, line, nowMs());
+  journal_.add(ownName, stream, line, service::calendarMs());
   (stream == Stream::output ? output_ : errors_).write(std::string(line) + '\n');
 }
 

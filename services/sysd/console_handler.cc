@@ -1,10 +1,9 @@
 #include "services/sysd/console_handler.h"
 
-#include <chrono>
 #include <utility>
-#include <vector>
 
 #include "platform/policies.h"
+#include "services/common/clock.h"
 #include "services/sysd/errors.h"
 
 namespace sysd {
@@ -16,16 +15,9 @@ constexpr std::uint32_t answerMs = 5000;
 constexpr tn::u32_id operation{1};
 constexpr tn::bool_id offField{2};
 
-// Of the request:
-constexpr tn::u64_id afterField{1};
-constexpr tn::u32_id mostField{2};
+// Of the request, besides what asks for the newest of anything:
 constexpr tn::u32_id programField{3};
 constexpr tn::string_id containingField{4};
-
-// Of the answer:
-constexpr tn::message_array_id framesField{1};
-constexpr tn::u64_id newestField{2};
-constexpr tn::u64_id lostField{3};
 
 // Of each frame:
 constexpr tn::u64_id numberField{1};
@@ -39,11 +31,6 @@ constexpr tn::string_id textField{7};
 bool maySeeAll(const tn::message& msg) {
   if (tn::policies::isOfSystem(msg)) return true;
   return (msg.get(tn::field::policies).value_or(0) & tn::policies::all) == tn::policies::all;
-}
-
-std::uint64_t nowMs() {
-  const auto since = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(since).count());
 }
 
 tn::message describe(const FrameRing::Frame& frame) {
@@ -71,29 +58,19 @@ ConsoleHandler::~ConsoleHandler() {
 
 tn::message ConsoleHandler::cmdGetAll(tn::message& msg) {
   if (!maySeeAll(msg)) return tn::errorMsg(tn::error::notAllowed, "not allowed");
-  const std::uint32_t most = msg.get(mostField).value_or(usualFrames);
+  const std::uint32_t most = msg.get(service::mostField).value_or(usualFrames);
   if (most < 1 || most > mostFrames) {
     return tn::errorMsg(error::badRequest, "an answer (u32 2) has 1 to 200 frames");
   }
   if (refusal_) return *std::exchange(refusal_, std::nullopt);
   watch();
   FrameRing::Query query;
-  query.after = msg.get(afterField).value_or(0);
+  query.after = msg.get(service::afterField).value_or(0);
   query.most = most;
   query.mostBytes = mostBytes;
   query.program = msg.get(programField);
   query.containing = msg.get(containingField).value_or(std::string_view());
-
-  const FrameRing::Found found = ring_.find(query);
-  std::vector<tn::message> frames;
-  frames.reserve(found.frames.size());
-  for (const FrameRing::Frame* frame : found.frames)
-    frames.push_back(describe(*frame));
-  tn::message answer;
-  answer.insert_vector(framesField, frames);
-  answer.insert(newestField, found.newest);
-  answer.insert(lostField, found.lost);
-  return answer;
+  return service::newestMessage(ring_.find(query), describe);
 }
 
 void ConsoleHandler::watch() {
@@ -133,8 +110,8 @@ void ConsoleHandler::askBroker(bool off) {
 void ConsoleHandler::onFrame(std::uint32_t from, std::uint32_t to, tn::FrameKind kind,
                              std::span<const std::uint8_t> payload) {
   if (!watching() || from == looper_.busId() || to == looper_.busId()) return;
-  ring_.add({0, nowMs(), from, to, static_cast<std::uint32_t>(kind), static_cast<std::uint32_t>(payload.size()),
-             textOf(from, to, kind, payload)});
+  ring_.add({0, service::calendarMs(), from, to, static_cast<std::uint32_t>(kind),
+             static_cast<std::uint32_t>(payload.size()), textOf(from, to, kind, payload)});
 }
 
 std::string ConsoleHandler::textOf(std::uint32_t from, std::uint32_t to, tn::FrameKind kind,

@@ -4,7 +4,6 @@
 
 #include "platform/bus/text_parts.h"
 #include "services/common/beginning.h"
-#include "services/common/newest.h"
 
 namespace sysd {
 namespace {
@@ -33,8 +32,7 @@ void FrameRing::clear() {
 
 FrameRing::Found FrameRing::find(const Query& query) const {
   const auto fitting = [&query](const Frame& frame) { return fits(frame, query); };
-  return {service::entriesBehind(query, frames_, fitting, cost), newest_,
-          service::lostBehind(query.after, newest_, frames_.size())};
+  return service::findNewest(query, frames_, newest_, fitting, cost);
 }
 
 // A value is at least as long as text as it is flattened, but for numbers, so that one which cannot fit is not made: a

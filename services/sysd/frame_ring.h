@@ -7,10 +7,10 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/bus/frame.h"
 #include "platform/bus/message.h"
+#include "services/common/newest.h"
 
 namespace sysd {
 
@@ -41,11 +41,7 @@ class FrameRing {
     std::optional<std::uint32_t> program;  // only frames from or to it
     std::string_view containing;           // empty: any
   };
-  struct Found {
-    std::vector<const Frame*> frames;  // in order; they die with the next change
-    std::uint64_t newest = 0;
-    std::uint64_t lost = 0;  // frames behind `after` that are no longer kept
-  };
+  using Found = service::Newest<Frame>;
 
   // The number of the frame is given here.
   void add(Frame frame);

@@ -18,7 +18,7 @@ class JournalTest : public testing::Test {
   }
   std::vector<std::string> texts(const Journal::Query& query = {}) {
     std::vector<std::string> all;
-    for (const Journal::Line* line : journal.find(query).lines)
+    for (const Journal::Line* line : journal.find(query).entries)
       all.push_back(line->text);
     return all;
   }
@@ -41,13 +41,13 @@ TEST_F(JournalTest, ALineIsKeptWithAllThatIsKnownOfIt) {
   add("one", "www");
   add("two", "sermgr", Stream::errors);
   const Journal::Found found = journal.find({});
-  ASSERT_THAT(found.lines, SizeIs(2));
-  EXPECT_EQ(found.lines[1]->number, 2U);
-  EXPECT_EQ(found.lines[1]->time, 1002U);
-  EXPECT_EQ(found.lines[1]->program, "sermgr");
-  EXPECT_EQ(found.lines[1]->text, "two");
-  EXPECT_EQ(found.lines[1]->stream, Stream::errors);
-  EXPECT_EQ(found.lines[0]->stream, Stream::output);
+  ASSERT_THAT(found.entries, SizeIs(2));
+  EXPECT_EQ(found.entries[1]->number, 2U);
+  EXPECT_EQ(found.entries[1]->time, 1002U);
+  EXPECT_EQ(found.entries[1]->program, "sermgr");
+  EXPECT_EQ(found.entries[1]->text, "two");
+  EXPECT_EQ(found.entries[1]->stream, Stream::errors);
+  EXPECT_EQ(found.entries[0]->stream, Stream::output);
   EXPECT_EQ(found.newest, 2U);
   EXPECT_EQ(found.lost, 0U);
 }
@@ -106,8 +106,8 @@ TEST_F(JournalTest, TheOldestGoFirst) {
   Journal::Query query;
   query.most = 2 * Journal::maxLines;
   const Journal::Found found = journal.find(query);
-  EXPECT_EQ(found.lines.size(), Journal::maxLines);
-  EXPECT_EQ(found.lines.front()->number, 11U);
+  EXPECT_EQ(found.entries.size(), Journal::maxLines);
+  EXPECT_EQ(found.entries.front()->number, 11U);
   EXPECT_EQ(found.lost, 10U);
   EXPECT_EQ(found.newest, Journal::maxLines + 10);
   EXPECT_EQ(journal.find(behind(3)).lost, 7U);

@@ -42,7 +42,7 @@ class LogKeeperTest : public testing::Test {
     std::vector<std::string> all;
     Journal::Query query;
     query.most = Journal::maxLines;
-    for (const Journal::Line* line : journal.find(query).lines)
+    for (const Journal::Line* line : journal.find(query).entries)
       all.push_back(line->program + (line->stream == Stream::errors ? "! " : ": ") + line->text);
     return all;
   }

@@ -21,7 +21,7 @@ class FrameRingTest : public testing::Test {
   }
   std::vector<std::string> texts(const FrameRing::Query& query) {
     std::vector<std::string> all;
-    for (const FrameRing::Frame* frame : ring.find(query).frames)
+    for (const FrameRing::Frame* frame : ring.find(query).entries)
       all.push_back(frame->text);
     return all;
   }
@@ -49,9 +49,9 @@ TEST_F(FrameRingTest, FramesAreNumberedAsTheyCome) {
   add("a");
   add("b");
   const FrameRing::Found found = ring.find(all());
-  ASSERT_THAT(found.frames, SizeIs(2));
-  EXPECT_EQ(found.frames[0]->number, 1U);
-  EXPECT_EQ(found.frames[1]->number, 2U);
+  ASSERT_THAT(found.entries, SizeIs(2));
+  EXPECT_EQ(found.entries[0]->number, 1U);
+  EXPECT_EQ(found.entries[1]->number, 2U);
   EXPECT_EQ(found.newest, 2U);
   EXPECT_EQ(found.lost, 0U);
 }
@@ -73,7 +73,7 @@ TEST_F(FrameRingTest, FramesThatFit) {
   query = all();
   query.most = 1;
   query.containing = "'x'";
-  EXPECT_EQ(ring.find(query).frames.front()->number, 3U);
+  EXPECT_EQ(ring.find(query).entries.front()->number, 3U);
 }
 
 TEST_F(FrameRingTest, TheNewestOfTooManyBytes) {
@@ -82,8 +82,8 @@ TEST_F(FrameRingTest, TheNewestOfTooManyBytes) {
   FrameRing::Query query = all();
   query.mostBytes = 3 * (1000 + FrameRing::bytesPerFrame);
   const FrameRing::Found found = ring.find(query);
-  ASSERT_THAT(found.frames, SizeIs(3));
-  EXPECT_EQ(found.frames.back()->number, 10U);
+  ASSERT_THAT(found.entries, SizeIs(3));
+  EXPECT_EQ(found.entries.back()->number, 10U);
 }
 
 TEST_F(FrameRingTest, TheOldestGoFirst) {
@@ -104,7 +104,7 @@ TEST_F(FrameRingTest, WhatIsForgottenIsLost) {
   EXPECT_THAT(texts(all()), IsEmpty());
   EXPECT_EQ(ring.find(behind(1)).lost, 1U);
   add("{}");
-  EXPECT_EQ(ring.find(all()).frames.front()->number, 3U);
+  EXPECT_EQ(ring.find(all()).entries.front()->number, 3U);
 }
 
 TEST_F(FrameRingTest, AMessageIsShownInTheLineForm) {
