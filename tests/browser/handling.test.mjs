@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import { after, before, test } from 'node:test';
 
 import { control, until } from './control.mjs';
-import { goTo, launch, logIn, open, openOn, openStatus, shots, waitFor } from './interface.mjs';
+import { goTo, launch, logIn, noticed, open, openOn, openStatus, shots, waitFor } from './interface.mjs';
 
 let browser;
 before(async () => (browser = await launch()));
@@ -110,6 +110,20 @@ test('a file that misses its place does not take the place of the interface', as
     return document.querySelector('h1').dispatchEvent(new DragEvent('drop', { bubbles: true, cancelable: true, dataTransfer }));
   });
   assert.equal(text, true);
+  await context.close();
+});
+
+test('that the server is away is read out once, and not with each second of the wait', async () => {
+  const { context, page } = await openStatus(browser);
+  await context.setOffline(true);
+  await page.evaluate(() => dispatchEvent(new Event('offline')));
+  await noticed(page, 'The server does not answer.');
+  const aside = page.getByRole('status').locator('[aria-hidden=true]').getByText(/^Trying again/);
+  await aside.waitFor();
+  const read = await page.locator('.notice p').evaluate((text) => text.firstChild.textContent);
+  assert.equal(read, 'The server does not answer.');
+  await context.setOffline(false);
+  await noticed(page, 'The server answers again.');
   await context.close();
 });
 

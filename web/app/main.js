@@ -89,7 +89,7 @@ function onLost({ retryAt }) {
     const when = seconds > 0 ? `Trying again in ${seconds} s.` : 'Trying again …';
     const action = { label: 'Try now', run: () => session.retryNow() };
     notices.clear('renewed');
-    notices.show('lost', `The server does not answer. ${when}`, { tone: 'bad', stays: true, action });
+    notices.show('lost', 'The server does not answer.', { tone: 'bad', stays: true, action, aside: when });
   };
   tell();
   countdown = setInterval(tell, 500);

@@ -16,21 +16,23 @@ export class Notices {
   /**
    * @param {string} key
    * @param {string} text
-   * @param {{tone?: 'info'|'good'|'bad', stays?: boolean, action?: {label: string, run: () => void}}} [options]  One that stays
-   *     is there until clear(); others go away by themselves or when they are dismissed.
+   * @param {{tone?: 'info'|'good'|'bad', stays?: boolean, action?: {label: string, run: () => void}, aside?: string}} [options]
+   *     One that stays is there until clear(); others go away by themselves or when they are dismissed. What is said aside is
+   *     seen only: it may change often, and nobody wants to have that read out.
    */
-  show(key, text, { tone = 'info', stays = false, action } = {}) {
+  show(key, text, { tone = 'info', stays = false, action, aside = '' } = {}) {
     const before = this.#shown.get(key);
     if (before && before.element.dataset.tone === tone && before.stays === stays && Boolean(before.button) === Boolean(action)) {
       setText(before.text, text);
+      setText(before.aside, aside);
       this.#goLater(key, before);
       return;
     }
     this.clear(key);
-    const notice = { stays, text: h('p', {}, text) };
+    const notice = { stays, text: h('span', {}, text), aside: h('span', { 'aria-hidden': 'true' }, aside) };
     if (action) notice.button = h('button', { type: 'button', class: 'plain', onclick: action.run }, action.label);
     const dismiss = stays ? null : h('button', { type: 'button', class: 'plain', onclick: () => this.clear(key) }, 'Dismiss');
-    notice.element = h('div', { class: 'notice', 'data-tone': tone }, notice.text, notice.button, dismiss);
+    notice.element = h('div', { class: 'notice', 'data-tone': tone }, h('p', {}, notice.text, ' ', notice.aside), notice.button, dismiss);
     this.#shown.set(key, notice);
     this.#place.append(notice.element);
     this.#goLater(key, notice);
