@@ -1,8 +1,8 @@
 // The sessions page: who is logged in, from where, and since when.
 import { addressText, commands, permissions } from '../../client/index.js';
-import { h, reconcile, setText } from '../dom.js';
+import { h, keepFocus, reconcile, setText } from '../dom.js';
 import { ask, failureText } from '../forms.js';
-import { clockTime, day, duration } from '../format.js';
+import { clockTime, count, day, duration } from '../format.js';
 import { poll } from '../poll.js';
 import { WebServer, troubleText } from '../programs.js';
 import { rightsText } from '../rights.js';
@@ -27,8 +27,17 @@ function sinceText(age) {
   return day(began) === day(Date.now()) ? `${clock}, ${duration(age)} ago` : `${day(began)} ${clock}`;
 }
 
+// A number may be given to another session once its own has ended.
+const keyOf = ({ id, user, address }) => `${id} ${address} ${user}`;
+
+/** How many there are; the server names no more than an answer has room for. */
+export function totalText(named, all) {
+  if (named < all) return `${count(named)} of ${count(all)} sessions`;
+  return all === 1 ? '1 session' : `${count(all)} sessions`;
+}
+
 class Row {
-  #since = h('td', { role: 'cell', 'data-title': 'Since' });
+  #since = h('td', { role: 'cell', class: 'since', 'data-title': 'Since' });
   #idle = h('td', { role: 'cell', 'data-title': 'Idle' });
 
   constructor(entry, end) {
@@ -38,7 +47,7 @@ class Row {
       'tr',
       { role: 'row', 'data-session': entry.id, 'data-own': entry.own },
       h('th', { scope: 'row', role: 'rowheader' }, entry.user, tag),
-      h('td', { role: 'cell', class: 'mono', 'data-title': 'From' }, entry.address),
+      h('td', { role: 'cell', class: 'address', 'data-title': 'From' }, entry.address),
       this.#since,
       this.#idle,
       h('td', { role: 'cell', class: 'may', 'data-title': 'May' }, rightsText(entry.policies)),
@@ -90,8 +99,8 @@ export function startSessions(place, { session, notices }) {
     panel.dataset.state = error ? 'stale' : 'live';
     if (error) return tell(troubleText(error, supervisorAway ? 'The supervisor, which knows where the server is,' : 'The server'));
     const list = (reply.M1 ?? []).map(readSession).sort((a, b) => b.own - a.own || a.user.localeCompare(b.user) || b.age - a.age);
-    reconcile(rows, list, ({ id }) => String(id), (entry) => new Row(entry, end), made);
-    setText(total, list.length === 1 ? '1 session' : `${list.length} sessions`);
+    keepFocus(panel, () => reconcile(rows, list, keyOf, (entry) => new Row(entry, end), made));
+    setText(total, totalText(list.length, reply.u2 ?? list.length));
     tell('');
   });
 
