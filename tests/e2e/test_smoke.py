@@ -58,9 +58,7 @@ class Manager(harness.SystemTest):
         first, second = harness.free_port(), harness.free_port()
         self.system.start("busd", "sermgr", "www")
         self.move(first)
-        self.assertEqual(rawhttp.get(first, "/").status, 200)
         self.move(second)
-        self.assertEqual(rawhttp.get(second, "/").status, 200)
         self.assertTrue(rawhttp.refuses(first))
 
     def test_what_was_moved_stays_there_after_a_restart(self):
@@ -70,14 +68,14 @@ class Manager(harness.SystemTest):
         for name in ("www", "sermgr", "busd"):
             self.system.stop(name)
         self.system.start("busd", "sermgr", "www")
-        harness.wait_until(lambda: not rawhttp.refuses(port), "the listener to be there again")
-        self.assertEqual(rawhttp.get(port, "/").status, 200)
+        harness.wait_until(lambda: rawhttp.answers(port), "the page to be there again")
 
     def move(self, port):
         self.system.bus_id("sermgr")
         result = self.system.tn("call", "68/1", "set", f"{{s1:'http',u2:{port}}}")
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
-        harness.wait_until(lambda: not rawhttp.refuses(port), f"a listener on port {port}")
+        # A server that asks for its record while it is told opens its listener twice.
+        harness.wait_until(lambda: rawhttp.answers(port), f"the page on port {port}")
 
 
 if __name__ == "__main__":

@@ -25,6 +25,13 @@ class Supervised(harness.SystemTest):
     def await_page(self):
         harness.wait_until(lambda: rawhttp.answers(self.port), "the page")
 
+    def children(self):
+        """The supervisor's children by name, once each program of the list is there."""
+        def all_of_them():
+            found = self.processes()
+            return found if set(found) == set(ORDER) else None
+        return harness.wait_until(all_of_them, "all programs to run")
+
     def processes(self):
         """Name and process id of the supervisor's children that run now."""
         parent = self.system.programs["tnrun"].pid
@@ -45,43 +52,42 @@ class Supervised(harness.SystemTest):
     def test_everything_that_is_killed_comes_back(self):
         for name in ORDER:
             with self.subTest(name):
-                old = self.processes()[name]
+                old = self.children()[name]
                 os.kill(old, signal.SIGKILL)
                 self.await_another(name, old)
                 self.await_page()
         self.assertIn("tnrun: www was ended by signal 9, starting again in 200 ms", self.system.lines("tnrun"))
 
     def test_a_server_that_hangs_is_killed_and_comes_back(self):
-        others = {name: pid for name, pid in self.processes().items() if name != "www"}
-        hung = self.processes()["www"]
+        others = self.children()
+        hung = others.pop("www")
         os.kill(hung, signal.SIGSTOP)
         self.await_another("www", hung)
         self.await_page()
-        self.assertEqual({name: pid for name, pid in self.processes().items() if name != "www"}, others)
+        self.assertEqual({name: pid for name, pid in self.children().items() if name != "www"}, others)
 
     def test_a_broker_that_hangs_is_killed_and_nobody_else(self):
-        others = {name: pid for name, pid in self.processes().items() if name != "busd"}
-        hung = self.processes()["busd"]
+        others = self.children()
+        hung = others.pop("busd")
         os.kill(hung, signal.SIGSTOP)
         self.await_another("busd", hung)
         self.await_page()
         harness.wait_until(lambda: all(name in self.members() for name in ("sermgr", "www")), "all to join again")
-        self.assertEqual({name: pid for name, pid in self.processes().items() if name != "busd"}, others)
+        self.assertEqual({name: pid for name, pid in self.children().items() if name != "busd"}, others)
 
     def test_told_to_end_it_leaves_nothing_behind(self):
-        pids = list(self.processes().values())
-        self.assertEqual(len(pids), len(ORDER))
+        pids = list(self.children().values())
         self.system.stop("tnrun")
         self.assertEqual([pid for pid in pids if os.path.exists(f"/proc/{pid}")], [])
         self.assertTrue(rawhttp.refuses(self.port))
 
     def test_killed_itself_it_takes_the_others_along(self):
-        pids = list(self.processes().values())
+        pids = list(self.children().values())
         self.system.kill("tnrun")
         harness.wait_until(lambda: not any(os.path.exists(f"/proc/{pid}") for pid in pids), "all to be gone")
 
     def test_a_program_that_does_not_end_is_killed(self):
-        stuck = self.processes()["sermgr"]
+        stuck = self.children()["sermgr"]
         os.kill(stuck, signal.SIGSTOP)
         self.system.stop("tnrun")
         self.assertFalse(os.path.exists(f"/proc/{stuck}"))

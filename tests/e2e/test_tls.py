@@ -131,7 +131,7 @@ class Serving(Https):
         certificate = self.system.path(STORE + "/certificate.pem")
         urls = [part for _ in range(3) for part in ("-o", target, f"https://localhost:{self.port}/big.bin")]
         done = subprocess.run(["curl", "-sS", "--cacert", certificate, "-w", "%{http_code} %{num_connects}\n", *urls],
-                              capture_output=True, text=True, timeout=60, check=False)
+                              capture_output=True, text=True, timeout=8 * harness.PATIENCE, check=False)
         self.assertEqual((done.returncode, done.stdout), (0, "200 1\n200 0\n200 0\n"), done.stderr)
         self.assertEqual(target.read_bytes(), self.web["big.bin"])
 
@@ -216,11 +216,11 @@ class Misbehaviour(Https):
         self.assertEqual(self.page().body, b"a")
 
     def test_peers_that_are_silent_or_half_done(self):
+        begun = time.monotonic()
         silent = [self.plain() for _ in range(5)]
         half = [self.plain() for _ in range(5)]
         for sock in half:
             sock.sendall(HELLO_HEAD)
-        begun = time.monotonic()
         self.assertEqual(self.page().body, b"a")
         for sock in silent + half:
             self.assertEqual(sock.recv(1), b"")
@@ -275,8 +275,15 @@ class Misbehaviour(Https):
         soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
         resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
         self.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, (soft, hard))
-        slow = self.hand_over(1000)
-        self.assertGreater(self.state()[("u", 0x11)], 900)
+        slow = []
+
+        def are_enough():
+            if self.state()[("u", 0x11)] > 900:
+                return True
+            # On a slow machine those of the beginning may have had their time before the last ones come.
+            slow.extend(self.hand_over(200 if slow else 1000))
+            return False
+        harness.wait_until(are_enough, "a thousand handshakes that wait")
         for _ in range(3):
             self.assertEqual(self.page().body, b"a")
         for sock in slow:
@@ -314,17 +321,14 @@ class Misbehaviour(Https):
         through, refused = [], 0
         for _ in range(20):
             try:
+                # Asked at once: the server ends a connection that is idle for two seconds.
                 through.append(self.connect())
-            except OSError:
-                refused += 1
-        for connection in through[:]:
-            try:
-                if connection.get("/a.txt").body != b"a":
+                if through[-1].get("/a.txt").body != b"a":
                     refused += 1
             except (OSError, EOFError):
                 refused += 1
         self.assertGreater(refused, 0)
-        self.assertGreaterEqual(len(self.ssl_errors()), refused)
+        harness.wait_until(lambda: len(self.ssl_errors()) >= refused, "an error for each that was refused")
         for connection in through:
             connection.close()
         self.settle()
@@ -341,12 +345,12 @@ class Deaths(Https):
         waiting = [self.plain() for _ in range(3)]
         half = self.plain()
         half.sendall(HELLO_HEAD)
-        idle = self.connect()
-        idle.get("/a.txt")
         busy = self.connect()
         busy.request("/big.bin", "Connection: close")
         busy.read_exactly(1000)
+        idle = self.connect()
         harness.wait_until(lambda: self.state()[("u", 0x11)] == 4, "the handshakes to wait")
+        idle.get("/a.txt")  # last: the server ends a connection that is idle for two seconds
         self.system.kill("tlsd")
         for sock in (*waiting, half):
             self.assertEqual(rawhttp.Connection(sock).read_to_end(), b"")
@@ -368,7 +372,7 @@ class Deaths(Https):
         handshake = self.plain()
         self.system.kill("www")
         body = b""
-        with contextlib.suppress(ssl.SSLEOFError):
+        with contextlib.suppress(ssl.SSLEOFError, ConnectionError):
             while data := connection.socket.recv(65536):
                 body += data
         self.assertLess(len(body), BIG)
@@ -379,14 +383,15 @@ class Deaths(Https):
 
     def test_the_broker_started_again(self):
         kept = self.connect()
-        self.assertEqual(kept.get("/a.txt").body, b"a")
         half = self.plain()
         half.sendall(HELLO_HEAD)
         harness.wait_until(lambda: self.state()[("u", 0x11)] == 1, "the handshake to wait")
-        self.system.restart("busd")
+        self.assertEqual(kept.get("/a.txt").body, b"a")
+        self.system.kill("busd")
         # What was with its server goes on; what was on its way is lost, and said so.
         self.assertEqual(kept.get("/a.txt").body, b"a")
         kept.close()
+        self.system.start("busd")
         self.assertEqual(half.recv(1), b"")
         self.system.wait_for_line("www", "ssl error: unreachable")
         self.system.bus_id("tlsd")
@@ -435,8 +440,8 @@ class Certificates(Https):
         self.assertEqual(tarnbus.error_of(mixed), (0xfe0010, "the key does not belong to the certificate"))
         kept = self.connect()
         self.assertFalse(tarnbus.is_error(self.manage(tarnbus.SET, {("s", 1): certificate, ("s", 2): key})))
-        self.assertEqual(self.shown_name(), "installed")
         self.assertEqual(kept.get("/a.txt").body, b"a")
+        self.assertEqual(self.shown_name(), "installed")
         self.assertFalse(tarnbus.is_error(self.manage(0xfe0104)))
         self.assertNotEqual(self.shown_name(), "installed")
 
