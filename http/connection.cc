@@ -4,19 +4,12 @@
 
 #include "http/file_answers.h"
 #include "http/file_cache.h"
-#include "http/workspace.h"
 
 namespace {
 
 std::list<Connection>& connections() {
   static std::list<Connection> instance;
   return instance;
-}
-
-// An idle connection does not keep the memory of what was unusually large.
-void shed(std::string& text) {
-  constexpr std::size_t kept = 128;
-  if (text.capacity() > kept) std::string().swap(text);
 }
 
 }  // namespace
@@ -51,7 +44,7 @@ void endAllConnections() {
 
 void Connection::beginRequest() {
   runRequestEnd();
-  if (working_) layDownWork();
+  if (work_) layDownWork();
   state_ = request_.unix && !request_.ssl ? State::ReadForward : State::ReadRequestLine;
   fill_ = 0;
   headerBytes_ = 0;
@@ -132,7 +125,7 @@ void Connection::destroy() {
   headerTimer_.cancel();
   idleTimer_.cancel();
   out_ = {};
-  if (working_) {
+  if (work_) {
     request_.headers.clear();
     response_.headers.clear();
     layDownWork();
@@ -161,7 +154,7 @@ void Connection::park() {
   state_ = State::Dispatched;
   runner_.removeSocket(socket_.get());
   idleTimer_.cancel();
-  if (buffer_.capacity() > Workspace::maxKeptBuffer) std::string().swap(buffer_);
+  if (work_->buffer.capacity() > Workspace::maxKeptBuffer) std::string().swap(work_->buffer);
   response_.onComplete = [this] { complete(); };
 }
 
@@ -183,19 +176,17 @@ void Connection::watch(unsigned mask) {
 
 // The size that the library hands to the operation is the capacity it made, which may be more than was asked for.
 void Connection::setLength(std::size_t length) {
-  buffer_.resize_and_overwrite(length, [length](char*, std::size_t) { return length; });
+  work_->buffer.resize_and_overwrite(length, [length](char*, std::size_t) { return length; });
 }
 
 void Connection::takeUpWork() {
-  takeWorkspace(buffer_, request_.headers, response_.headers);
-  working_ = true;
+  work_ = takeWorkspace();
+  request_.headers.swap(work_->requestHeaders);
+  response_.headers.swap(work_->responseHeaders);
 }
 
 void Connection::layDownWork() {
-  giveWorkspace(buffer_, request_.headers, response_.headers);
-  for (std::string* text :
-       {&request_.uri, &request_.pathInfo, &request_.query, &response_.statusText, &response_.body, &response_.file}) {
-    shed(*text);
-  }
-  working_ = false;
+  request_.headers.swap(work_->requestHeaders);
+  response_.headers.swap(work_->responseHeaders);
+  giveWorkspace(std::move(work_));
 }

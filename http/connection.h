@@ -3,11 +3,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "http/outgoing.h"
 #include "http/site.h"
+#include "http/workspace.h"
 #include "platform/bus/thin_runner.h"
 #include "platform/bus/timer.h"
 #include "platform/unique_fd.h"
@@ -123,9 +125,11 @@ class Connection {
 
   Site& server_;
   UniqueFd socket_;
-  std::uint32_t fill_ = 0;         // bytes held at the front of `buffer_` while reading
-  std::string buffer_;             // what is read, its length being the room; then the head of the response
+  std::uint32_t fill_ = 0;         // bytes held at the front of the buffer while reading
   std::uint32_t headerBytes_ = 0;  // request line and header lines so far, without line ends
+  // From the first bytes of a request to the end of its response. Its buffer holds what is read, its length being the
+  // room, and then the head of the response; the headers are those of request and response meanwhile.
+  std::unique_ptr<Workspace> work_;
   Request request_;
   Response response_;
   Outgoing out_;  // in Writing
@@ -138,8 +142,7 @@ class Connection {
   tn::ThinRunner& runner_;
   std::list<Connection>::iterator self_;  // its place among all
   bool announced_ = false;                // the bytes just read begin a request, and were there at the runner's wait
-  bool working_ = false;                  // holds a workspace: `buffer_` and the memory of both headers
-  std::uint32_t bodyRoom_ = 0;            // in ReadBody: what `buffer_` may grow to
+  std::uint32_t bodyRoom_ = 0;            // in ReadBody: what the buffer may grow to
 };
 
 // Makes the connection of an accepted socket; `tls` tells whether the client spoke TLS, `unixListener` whether the

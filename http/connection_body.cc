@@ -35,7 +35,7 @@ void Connection::dropExcess() {
 void Connection::pumpBody() {
   std::size_t done = 0;
   while (const std::size_t size = nextPiece(fill_ - done)) {
-    const std::string_view piece(buffer_.data() + done, size);
+    const std::string_view piece(work_->buffer.data() + done, size);
     done += size;
     bodyReceived_ += static_cast<std::uint32_t>(size);
     const bool last = bodyReceived_ == bodyLength_;
@@ -50,10 +50,10 @@ void Connection::pumpBody() {
     }
   }
   fill_ -= static_cast<std::uint32_t>(done);
-  std::memmove(buffer_.data(), buffer_.data() + done, fill_);
+  std::memmove(work_->buffer.data(), work_->buffer.data() + done, fill_);
   // What came with the head may have been more than the room, which holds from now on.
-  if (fill_ == buffer_.size() || buffer_.size() > bodyRoom_) {
-    setLength(std::min<std::size_t>(bodyRoom_, 2 * buffer_.size()));
+  if (fill_ == work_->buffer.size() || work_->buffer.size() > bodyRoom_) {
+    setLength(std::min<std::size_t>(bodyRoom_, 2 * work_->buffer.size()));
   }
 }
 

@@ -1,7 +1,7 @@
 // From bytes to a request: reading, lines, the forwarding header, and the choice of the servlet.
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
+#include <sys/socket.h>
 
 #include "http/connection.h"
 #include "http/file_answers.h"
@@ -38,7 +38,7 @@ void Connection::onReadable() {
     case State::Ended:
       return;
   }
-  if (!working_) {
+  if (!work_) {
     takeUpWork();
     setLength(firstRoom);
   }
@@ -60,8 +60,8 @@ void Connection::onReadable() {
 
 // One read into the free room. False: nothing came, or the connection has ended.
 bool Connection::readMore() {
-  const std::size_t room = buffer_.size() - fill_;
-  const ssize_t count = read(socket_.get(), buffer_.data() + fill_, room);
+  const std::size_t room = work_->buffer.size() - fill_;
+  const ssize_t count = recv(socket_.get(), work_->buffer.data() + fill_, room, 0);
   if (count < 0 && errno == EAGAIN) {
     runner_.drained(socket_.get(), tn::readable);
     return false;
@@ -78,9 +78,9 @@ bool Connection::readMore() {
 }
 
 void Connection::takeForwardHeader() {
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(buffer_.data());
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(work_->buffer.data());
   applyForwardHeader(std::span<const std::uint8_t, forwardHeaderBytes>(bytes, forwardHeaderBytes), request_);
-  buffer_.erase(0, forwardHeaderBytes);
+  work_->buffer.erase(0, forwardHeaderBytes);
   fill_ -= std::uint32_t{forwardHeaderBytes};
   state_ = State::ReadRequestLine;
 }
@@ -98,7 +98,7 @@ void Connection::readHead(std::size_t scanFrom) {
     case Scan::complete:
       // What follows the header block is the beginning of a body.
       fill_ -= static_cast<std::uint32_t>(lineStart);
-      buffer_.erase(0, lineStart);
+      work_->buffer.erase(0, lineStart);
       setLength(fill_);
       state_ = State::Dispatched;
       dispatch();
@@ -109,7 +109,7 @@ void Connection::readHead(std::size_t scanFrom) {
 // Takes all whole lines; the bytes before `scanFrom` hold no line end. `lineStart` becomes the first byte that was not
 // taken.
 Connection::Scan Connection::scanLines(std::size_t scanFrom, std::size_t& lineStart) {
-  const std::string_view held(buffer_.data(), fill_);
+  const std::string_view held(work_->buffer.data(), fill_);
   for (std::size_t end = held.find('\n', scanFrom); end != held.npos; end = held.find('\n', lineStart)) {
     const std::string_view line = withoutReturn(held.substr(lineStart, end - lineStart));
     lineStart = end + 1;
@@ -140,8 +140,8 @@ Connection::Scan Connection::takeLine(std::string_view line) {
 // Keeps the line that has no end yet. Both limits count what was held before, the lines taken from this read included.
 Connection::Scan Connection::keepPartialLine(std::size_t lineStart) {
   if (fill_ > maxHeldBytes) return Scan::malformed;
-  std::memmove(buffer_.data(), buffer_.data() + lineStart, fill_ - lineStart);
-  if (buffer_.size() - fill_ <= leastRoom) setLength(2 * buffer_.size());
+  std::memmove(work_->buffer.data(), work_->buffer.data() + lineStart, fill_ - lineStart);
+  if (work_->buffer.size() - fill_ <= leastRoom) setLength(2 * work_->buffer.size());
   fill_ -= static_cast<std::uint32_t>(lineStart);
   return Scan::incomplete;
 }

@@ -60,15 +60,15 @@ void Connection::writeResponse() {
   state_ = State::Writing;
   if (bodyReceived_ != bodyLength_) response_.keepAlivePermitted = false;
   out_ = {};
-  buffer_.clear();
-  buildResponse(request_, response_, runner_, buffer_, out_);
+  work_->buffer.clear();
+  buildResponse(request_, response_, runner_, work_->buffer, out_);
   server_.counters.countResponse(response_.status);
   watch(tn::writable);
 }
 
 void Connection::onWritable() {
   if (state_ != State::Writing) return;
-  if (out_.sent < buffer_.size() + out_.text.size() && !writeHead()) return;
+  if (out_.sent < work_->buffer.size() + out_.text.size() && !writeHead()) return;
   if (out_.fileRemaining != 0 && !writeFile()) return;
   onWritten();
 }
@@ -76,7 +76,7 @@ void Connection::onWritable() {
 // True: head and text have left. Neither here nor below does a count short of what was offered tell that the socket is
 // full (a signal or a file cut short end the call early as well): only the failure that does is told the runner.
 bool Connection::writeHead() {
-  HeadPieces pieces(buffer_, out_);
+  HeadPieces pieces(work_->buffer, out_);
   out_.tried = true;
   // With a file to follow, the kernel keeps the head back, so that both share their segments.
   const ssize_t count = sendmsg(socket_.get(), pieces.message(), pieces.fileFollows() ? MSG_MORE : 0);
@@ -86,7 +86,7 @@ bool Connection::writeHead() {
   }
   const auto written = static_cast<std::size_t>(count);
   server_.counters.bytesWritten += written;
-  const std::size_t ofHead = std::min(written, buffer_.size() + out_.text.size() - out_.sent);
+  const std::size_t ofHead = std::min(written, work_->buffer.size() + out_.text.size() - out_.sent);
   out_.sent += ofHead;
   out_.fileOffset += static_cast<off_t>(written - ofHead);
   out_.fileRemaining -= static_cast<std::uint32_t>(written - ofHead);

@@ -9,20 +9,26 @@ namespace {
 
 constexpr std::uint32_t mostRarely = 1024;  // a proof that cannot be had is tried once in as many requests
 
+FileAnswers answers;
+
 }  // namespace
 
-const FileAnswer* FileAnswers::find(const void* owner, std::string_view question) {
+const FileAnswer* FileAnswers::find(const void* owner, std::string_view question, Place& place) {
   if (runner_ == nullptr || entries_.empty()) return nullptr;
   if (!checked_) check();
-  const auto found = byKey_.find(Key{owner, question});
-  if (found == byKey_.end()) return nullptr;
-  Entry& entry = **found->second;
+  if (place.drops_ != drops_) {
+    const auto found = byKey_.find(Key{owner, question});
+    if (found == byKey_.end()) return nullptr;
+    place.entry_ = found->second->get();
+    place.drops_ = drops_;
+  }
+  Entry& entry = *place.entry_;
   if (!entry.facts_.hold() || !stillSame(entry)) {
-    drop(found->second);
+    drop(entry.self_);
     return nullptr;
   }
   entry.used_ = true;
-  if (found->second != entries_.begin()) entries_.splice(entries_.begin(), entries_, found->second);
+  if (entry.self_ != entries_.begin()) entries_.splice(entries_.begin(), entries_, entry.self_);
   return &entry.answer;
 }
 
@@ -59,17 +65,20 @@ const FileAnswer* FileAnswers::insert(std::unique_ptr<Entry> entry) {
   if (entries_.size() >= maxAnswers) drop(std::prev(entries_.end()));
   entry->looked_ = std::time(nullptr);
   entries_.push_front(std::move(entry));
+  entries_.front()->self_ = entries_.begin();
   byKey_.emplace(key, entries_.begin());
   armSweep();
   return &entries_.front()->answer;
 }
 
 void FileAnswers::drop(Entries::iterator entry) {
+  ++drops_;
   byKey_.erase(Key{(*entry)->owner_, (*entry)->question_});
   entries_.erase(entry);
 }
 
 void FileAnswers::clear() {
+  ++drops_;
   byKey_.clear();
   entries_.clear();
   watch_.close();
@@ -97,6 +106,5 @@ void FileAnswers::sweep() {
 }
 
 FileAnswers& fileAnswers() {
-  static FileAnswers instance;
-  return instance;
+  return answers;
 }

@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "http/path_watch.h"
+#include "http/text_hash.h"
 #include "platform/bus/thin_runner.h"
 
 // The file, or folder, that a question of a servlet leads to.
@@ -43,8 +44,17 @@ class FileAnswers {
     const void* owner_;
     std::string question_;
     PathWatch::Facts facts_;
+    std::list<std::unique_ptr<Entry>>::iterator self_;
     std::time_t looked_ = 0;  // the second in which the file was last looked at
     bool used_ = true;        // since the last sweep
+  };
+  using Entries = std::list<std::unique_ptr<Entry>>;
+
+  // Where an answer was found last; it is there still as long as none has been let go.
+  class Place {
+    friend class FileAnswers;
+    Entry* entry_ = nullptr;
+    std::uint64_t drops_ = UINT64_MAX;
   };
 
   // Opens what the proofs need, as it would be at the first request: a server at rest holds as many descriptors as one
@@ -62,7 +72,12 @@ class FileAnswers {
   void endRequest() { runner_ = nullptr; }
 
   // Null: nothing is kept. The answer dies at the next call.
-  [[nodiscard]] const FileAnswer* find(const void* owner, std::string_view question);
+  [[nodiscard]] const FileAnswer* find(const void* owner, std::string_view question) {
+    Place place;
+    return find(owner, question, place);
+  }
+  // For an owner that asks the same question all the time, and has a place for that question alone.
+  [[nodiscard]] const FileAnswer* find(const void* owner, std::string_view question, Place& place);
 
   // After a find that returned null: looks for the answer through `look(view, answer)`, which returns whether there is
   // one, when it is worth to be kept. Null, and most often `look` was not called: it is not kept.
@@ -88,7 +103,7 @@ class FileAnswers {
   };
   struct KeyHash {
     std::size_t operator()(const Key& key) const {
-      return std::hash<std::string_view>()(key.question) ^ std::hash<const void*>()(key.owner);
+      return textHash(key.question) ^ reinterpret_cast<std::uintptr_t>(key.owner);
     }
   };
   // How often a question was asked that has no answer yet; by hash, so that others may share the place.
@@ -97,8 +112,6 @@ class FileAnswers {
     std::uint32_t times = 0;
   };
   static constexpr std::uint64_t noWait = UINT64_MAX;
-  using Entries = std::list<std::unique_ptr<Entry>>;
-
   void check();
   [[nodiscard]] bool isWanted(const void* owner, std::string_view question);
   const FileAnswer* insert(std::unique_ptr<Entry> entry);
@@ -115,6 +128,7 @@ class FileAnswers {
   tn::ThinRunner* sweeper_ = nullptr;
   tn::ThinRunner::TimerHandle sweepTimer_ = 0;
   bool checked_ = false;                 // for this request
+  std::uint64_t drops_ = 0;              // how often something was let go
   std::uint64_t checkedAfter_ = noWait;  // the wait after which the last check was made
 };
 

@@ -18,6 +18,8 @@ void* mapSmall(int fd, off_t size) {
   return bytes == MAP_FAILED ? nullptr : bytes;
 }
 
+FileCache cache;
+
 }  // namespace
 
 bool isSameFile(const struct stat& a, const struct stat& b) {
@@ -99,6 +101,5 @@ void FileCache::sweep() {
 }
 
 FileCache& fileCache() {
-  static FileCache instance;
-  return instance;
+  return cache;
 }

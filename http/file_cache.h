@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unordered_map>
 
+#include "http/text_hash.h"
 #include "platform/bus/thin_runner.h"
 #include "platform/unique_fd.h"
 
@@ -95,7 +96,10 @@ class FileCache {
   void sweep();
 
   Files files_;  // the one used last in front
-  std::unordered_map<std::string_view, Files::iterator> byPath_;
+  struct PathHash {
+    std::size_t operator()(std::string_view path) const { return textHash(path); }
+  };
+  std::unordered_map<std::string_view, Files::iterator, PathHash> byPath_;
   std::size_t totalBytes_ = 0;
   tn::ThinRunner* runner_ = nullptr;
   tn::ThinRunner::TimerHandle sweepTimer_ = 0;

@@ -9,23 +9,19 @@ struct Facts {
   struct stat status {};
 };
 
-Facts& facts() {
-  static Facts instance;
-  return instance;
-}
+constinit Facts facts;
 
 }  // namespace
 
 void rememberFile(std::string_view path, const struct stat& status) {
-  facts().path = path;
-  facts().status = status;
+  facts.path.assign(path);
+  facts.status = status;
 }
 
 void forgetFile() {
-  facts().path.clear();
+  facts.path.clear();
 }
 
 const struct stat* rememberedFile(std::string_view path) {
-  const Facts& known = facts();
-  return !path.empty() && known.path == path ? &known.status : nullptr;
+  return !path.empty() && facts.path == path ? &facts.status : nullptr;
 }

@@ -3,6 +3,7 @@
 namespace {
 
 std::string_view dropAuthority(std::string_view path) {
+  if (path.starts_with('/')) return path;
   const std::size_t scheme = path.find("://");
   if (scheme == std::string_view::npos || path.find('/') != scheme + 1) return path;
   const std::size_t root = path.find('/', scheme + 3);

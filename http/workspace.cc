@@ -1,34 +1,25 @@
 #include "http/workspace.h"
 
 #include <array>
+#include <utility>
 
 namespace {
 
-// The first `count` are spare, the others empty.
+// The first `count` are spare, the others null.
 struct Spares {
-  std::array<Workspace, Workspace::maxSpare> all;
+  std::array<std::unique_ptr<Workspace>, Workspace::maxSpare> all;
   std::size_t count = 0;
 };
 
 Spares spares;
 
-void exchange(Workspace& spare, std::string& buffer, Headers& requestHeaders, Headers& responseHeaders) {
-  spare.buffer.swap(buffer);
-  spare.requestHeaders.swap(requestHeaders);
-  spare.responseHeaders.swap(responseHeaders);
-}
-
 }  // namespace
 
-void takeWorkspace(std::string& buffer, Headers& requestHeaders, Headers& responseHeaders) {
-  if (spares.count != 0) exchange(spares.all[--spares.count], buffer, requestHeaders, responseHeaders);
+std::unique_ptr<Workspace> takeWorkspace() {
+  return spares.count != 0 ? std::move(spares.all[--spares.count]) : std::make_unique<Workspace>();
 }
 
-void giveWorkspace(std::string& buffer, Headers& requestHeaders, Headers& responseHeaders) {
-  if (spares.count != Workspace::maxSpare && buffer.capacity() <= Workspace::maxKeptBuffer) {
-    exchange(spares.all[spares.count++], buffer, requestHeaders, responseHeaders);
-  } else {
-    Workspace dropped;
-    exchange(dropped, buffer, requestHeaders, responseHeaders);
-  }
+void giveWorkspace(std::unique_ptr<Workspace> workspace) {
+  if (spares.count == Workspace::maxSpare || workspace->buffer.capacity() > Workspace::maxKeptBuffer) return;
+  spares.all[spares.count++] = std::move(workspace);
 }

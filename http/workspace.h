@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "platform/web/headers.h"
@@ -16,7 +17,7 @@ struct Workspace {
   Headers responseHeaders;
 };
 
-// Puts spare memory, when there is some, in the place of these, which are empty.
-void takeWorkspace(std::string& buffer, Headers& requestHeaders, Headers& responseHeaders);
-// Takes the memory of all three, which become empty. The headers have been cleared.
-void giveWorkspace(std::string& buffer, Headers& requestHeaders, Headers& responseHeaders);
+// One that is spare, with headers that are empty but have their memory, or a new one.
+[[nodiscard]] std::unique_ptr<Workspace> takeWorkspace();
+// Keeps it for others, or frees it. Its headers have been cleared.
+void giveWorkspace(std::unique_ptr<Workspace> workspace);

@@ -63,7 +63,7 @@ bool DirServlet::rootIsDirectory(tn::FileView& view) const {
 }
 
 bool DirServlet::isDirectory() {
-  const FileAnswer* known = fileAnswers().find(&root_, {});
+  const FileAnswer* known = fileAnswers().find(&root_, {}, rootPlace_);
   if (known == nullptr) {
     known = fileAnswers().keep(&root_, {}, [this](tn::FileView& view, FileAnswer& answer) {
       const std::optional<struct stat> status = view.status(root_);

@@ -29,4 +29,5 @@ class DirServlet : public Servlet {
   bool isPublic_;
   bool cacheable_;
   std::optional<bool> knownDirectory_;  // the last answer of isDirectory, until a doGet has used it
+  FileAnswers::Place rootPlace_;
 };

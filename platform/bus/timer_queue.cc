@@ -148,12 +148,14 @@ void TimerQueue::runExpired(Clock::time_point now) {
 }
 
 Timer::Lane& TimerQueue::lane(std::uint32_t ms) {
-  const auto shorter = [](const std::unique_ptr<Timer::Lane>& lane, std::uint32_t wanted) { return lane->ms < wanted; };
-  auto place = std::lower_bound(lanes_.begin(), lanes_.end(), ms, shorter);
+  const auto find = [this, ms] {
+    return std::find_if(lanes_.begin(), lanes_.end(), [ms](const auto& lane) { return lane->ms >= ms; });
+  };
+  auto place = find();
   if (place != lanes_.end() && (*place)->ms == ms) return **place;
   if (lanes_.size() >= keptLanes) {
     dropEmptyLanes();
-    place = std::lower_bound(lanes_.begin(), lanes_.end(), ms, shorter);
+    place = find();
   }
   return **lanes_.insert(place, std::make_unique<Timer::Lane>(*this, ms));
 }

@@ -45,12 +45,18 @@ class CharSet {
       members_[i] = isLetter(c) || isDigit(c) || others.find(c) != std::string_view::npos;
     }
   }
+  constexpr explicit CharSet(bool (*isMember)(char)) {
+    for (std::size_t i = 0; i < members_.size(); ++i)
+      members_[i] = isMember(static_cast<char>(i));
+  }
   [[nodiscard]] constexpr bool has(char c) const { return members_[static_cast<std::uint8_t>(c)]; }
-  [[nodiscard]] constexpr bool hasAll(std::string_view text) const {
-    for (const char c : text) {
-      if (!has(c)) return false;
-    }
-    return true;
+  [[nodiscard]] constexpr bool hasAll(std::string_view text) const { return lengthIn(text) == text.size(); }
+  // How many characters at the front of `text` are members.
+  [[nodiscard]] constexpr std::size_t lengthIn(std::string_view text) const {
+    std::size_t length = 0;
+    while (length < text.size() && has(text[length]))
+      ++length;
+    return length;
   }
 
  private:

@@ -9,12 +9,7 @@ constexpr ascii::CharSet literalChars{"-._~%!$&'()*+,;=:"};
 
 // Length of the host at the front of `text`; 0 when there is none.
 std::size_t hostLength(std::string_view text) {
-  if (!text.starts_with('[')) {
-    std::size_t length = 0;
-    while (length < text.size() && nameChars.has(text[length]))
-      ++length;
-    return length;
-  }
+  if (!text.starts_with('[')) return nameChars.lengthIn(text);
   const std::size_t end = text.find(']');
   if (end == std::string_view::npos || end == 1 || !literalChars.hasAll(text.substr(1, end - 1))) return 0;
   return end + 1;

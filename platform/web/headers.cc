@@ -22,41 +22,50 @@ constexpr std::string_view joint = ", ";
 constexpr unsigned unknownLength = 0xFFFFFFFF;
 
 // Field content (RFC 9110, 5.5): visible characters, blanks, and the bytes above US-ASCII that old clients send.
-bool isFieldValue(std::string_view text) {
-  return std::none_of(text.begin(), text.end(), [](char c) { return ascii::isControl(c) && c != '\t'; });
-}
+constexpr ascii::CharSet valueChars{[](char c) { return !ascii::isControl(c) || c == '\t'; }};
 
 }  // namespace
 
 std::string_view Headers::nameAt(std::size_t i) const {
-  return std::string_view(text_).substr(entries_[i].offset, entries_[i].nameLength);
+  const Entry& entry = fields_->entries[i];
+  return {fields_->text.data() + entry.offset, entry.nameLength};
 }
 
 std::string_view Headers::valueAt(std::size_t i) const {
-  const std::size_t begin = entries_[i].offset + entries_[i].nameLength + separator.size();
-  return std::string_view(text_).substr(begin, endOf(i) - lineEnd.size() - begin);
+  const Entry& entry = fields_->entries[i];
+  const std::size_t begin = entry.offset + entry.nameLength + separator.size();
+  return {fields_->text.data() + begin, endOf(i) - lineEnd.size() - begin};
 }
 
 std::size_t Headers::find(std::string_view name, std::size_t from, std::size_t limit) const {
-  const std::size_t end = std::min(limit, entries_.size());
+  const std::size_t count = size();
+  const std::size_t end = std::min(limit, count);
   for (std::size_t i = from; i < end; ++i) {
-    if (entries_[i].nameLength == name.size() && ascii::equalsIgnoreCase(nameAt(i), name)) return i;
+    if (fields_->entries[i].nameLength == name.size() && ascii::equalsIgnoreCase(nameAt(i), name)) return i;
   }
-  return entries_.size();
+  return count;
+}
+
+std::unique_ptr<Headers::Fields> Headers::makeFields() {
+  auto fields = std::make_unique<Fields>();
+  fields->text.reserve(firstBytes);
+  fields->entries.reserve(firstFields);
+  return fields;
 }
 
 void Headers::add(std::string_view name, std::string_view value) {
-  if (entries_.capacity() == 0) entries_.reserve(firstFields);
-  if (text_.capacity() < firstBytes) text_.reserve(firstBytes);
-  entries_.push_back({static_cast<std::uint32_t>(text_.size()), static_cast<std::uint32_t>(name.size())});
-  const std::size_t end = text_.size();
+  if (!fields_) fields_ = makeFields();
+  auto& [text, entries] = *fields_;
+  const std::size_t end = text.size();
   const std::size_t grown = end + name.size() + separator.size() + value.size() + lineEnd.size();
+  entries.push_back({static_cast<std::uint32_t>(end), static_cast<std::uint32_t>(name.size())});
   // Grown once for all four pieces, each of which is a few bytes: as appends of their own they cost more than their
   // copying.
-  text_.resize_and_overwrite(grown, [&](char* text, std::size_t) {
-    char* at = text + end;
-    for (const std::string_view piece : {name, separator, value, lineEnd})
-      at = std::copy(piece.begin(), piece.end(), at);
+  text.resize_and_overwrite(grown, [&](char* bytes, std::size_t) {
+    char* at = std::copy(name.begin(), name.end(), bytes + end);
+    at = std::copy(separator.begin(), separator.end(), at);
+    at = std::copy(value.begin(), value.end(), at);
+    std::copy(lineEnd.begin(), lineEnd.end(), at);
     return grown;
   });
 }
@@ -66,11 +75,12 @@ void Headers::join(std::size_t i, std::string_view value) {
   if (value.empty()) return;
   const std::string_view between = valueAt(i).empty() ? std::string_view() : joint;
   const std::size_t end = endOf(i) - lineEnd.size();
-  text_.insert(end, value);
-  text_.insert(end, between);
+  auto& [text, entries] = *fields_;
+  text.insert(end, value);
+  text.insert(end, between);
   const auto grown = static_cast<std::uint32_t>(value.size() + between.size());
-  for (std::size_t k = i + 1; k < entries_.size(); ++k)
-    entries_[k].offset += grown;
+  for (std::size_t k = i + 1; k < entries.size(); ++k)
+    entries[k].offset += grown;
 }
 
 void Headers::addHeader(std::string_view name, std::string_view value, bool append) {
@@ -85,22 +95,23 @@ void Headers::addHeader(std::string_view name, std::uint64_t value, bool append)
 }
 
 void Headers::removeHeader(std::string_view name) {
-  for (std::size_t i = find(name); i < entries_.size(); i = find(name, i)) {
-    const std::size_t length = endOf(i) - entries_[i].offset;
-    text_.erase(entries_[i].offset, length);
-    entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(i));
-    for (std::size_t k = i; k < entries_.size(); ++k)
-      entries_[k].offset -= static_cast<std::uint32_t>(length);
+  for (std::size_t i = find(name); i < size(); i = find(name, i)) {
+    auto& [text, entries] = *fields_;
+    const std::size_t length = endOf(i) - entries[i].offset;
+    text.erase(entries[i].offset, length);
+    entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(i));
+    for (std::size_t k = i; k < entries.size(); ++k)
+      entries[k].offset -= static_cast<std::uint32_t>(length);
   }
 }
 
 bool Headers::hasHeader(std::string_view name) const {
-  return find(name) < entries_.size();
+  return find(name) < size();
 }
 
 std::optional<std::string_view> Headers::getHeader(std::string_view name) const {
   const std::size_t i = find(name);
-  if (i == entries_.size()) return std::nullopt;
+  if (i == size()) return std::nullopt;
   return valueAt(i);
 }
 
@@ -116,7 +127,7 @@ bool Headers::getHeader(std::string_view name, std::uint32_t* value) const {
 }
 
 bool Headers::headerHasToken(std::string_view name, std::string_view token) const {
-  for (std::size_t i = find(name); i < entries_.size(); i = find(name, i + 1)) {
+  for (std::size_t i = find(name); i < size(); i = find(name, i + 1)) {
     std::string_view rest = valueAt(i);
     while (!rest.empty()) {
       const std::size_t comma = std::min(rest.find(','), rest.size());
@@ -128,11 +139,11 @@ bool Headers::headerHasToken(std::string_view name, std::string_view token) cons
 }
 
 bool Headers::parseHeaderLine(std::string_view line) {
-  const std::size_t colon = line.find(':');
-  if (colon == std::string_view::npos) return false;
+  const std::size_t colon = ascii::tokenChars.lengthIn(line);
+  if (colon == 0 || colon == line.size() || line[colon] != ':') return false;
   const std::string_view name = line.substr(0, colon);
   const std::string_view value = ascii::trimBlanks(line.substr(colon + 1));
-  if (!ascii::isToken(name) || !isFieldValue(value)) return false;
+  if (!valueChars.hasAll(value)) return false;
 
   // Bodies have a length or end with the connection; two ideas of where one ends are how requests are smuggled.
   if (ascii::equalsIgnoreCase(name, "transfer-encoding")) return false;
@@ -141,7 +152,7 @@ bool Headers::parseHeaderLine(std::string_view line) {
     return false;
   }
   const std::size_t earlier = find(name, 0, searchedFields);
-  if (earlier < entries_.size()) {
+  if (earlier < size()) {
     join(earlier, value);
   } else {
     add(name, value);
@@ -161,10 +172,11 @@ bool Headers::takeContentLength(std::string_view name, std::string_view value) {
 }
 
 void Headers::clear() {
-  clearForReuse(text_, keptBytes);
-  if (entries_.capacity() > keptFields) {
-    std::vector<Entry>().swap(entries_);
+  if (!fields_) return;
+  clearForReuse(fields_->text, keptBytes);
+  if (fields_->entries.capacity() > keptFields) {
+    std::vector<Entry>().swap(fields_->entries);
   } else {
-    entries_.clear();
+    fields_->entries.clear();
   }
 }

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,8 +11,9 @@
 // Header fields of a request or a response, in order, with names compared without regard to case (RFC 9110, 5).
 //
 // The fields are held as the text that goes onto the wire, in one string that keeps its capacity over `clear`, so a
-// kept-alive connection allocates nothing per request and printing is one copy. Views returned die at the next change,
-// and a text given to a function that changes the headers must not be a view of these same headers.
+// kept-alive connection allocates nothing per request and printing is one copy. All memory is behind one pointer, so
+// that it changes hands with `swap` for next to nothing and headers without fields are small. Views returned die at the
+// next change, and a text given to a function that changes the headers must not be a view of these same headers.
 class Headers {
  public:
   // Largest text, and most fields, whose memory is kept over clear(); what is larger is given back.
@@ -47,33 +49,36 @@ class Headers {
   [[nodiscard]] bool parseHeaderLine(std::string_view line);
 
   // Appends "Name: value\r\n" for every field, in order.
-  void printHeaders(std::string& out) const { out.append(text_); }
+  void printHeaders(std::string& out) const { out.append(text()); }
 
   // The same, as a view.
-  [[nodiscard]] std::string_view text() const { return text_; }
+  [[nodiscard]] std::string_view text() const { return fields_ ? std::string_view(fields_->text) : std::string_view(); }
 
   // Calls visit(name, value) for each field, in order.
   template <typename Visitor>
   void forEach(Visitor&& visit) const {
-    for (std::size_t i = 0; i < entries_.size(); ++i)
+    for (std::size_t i = 0; i < size(); ++i)
       visit(nameAt(i), valueAt(i));
   }
-  [[nodiscard]] std::size_t size() const { return entries_.size(); }
+  [[nodiscard]] std::size_t size() const { return fields_ ? fields_->entries.size() : 0; }
 
   void clear();
-  void swap(Headers& other) {
-    text_.swap(other.text_);
-    entries_.swap(other.entries_);
-  }
+  void swap(Headers& other) { fields_.swap(other.fields_); }
 
  private:
-  // Field i is text_ from its offset to the offset of the next one: name, ": ", value, CR LF.
+  // Field i is the text from its offset to the offset of the next one: name, ": ", value, CR LF.
   struct Entry {
     std::uint32_t offset;
     std::uint32_t nameLength;
   };
+  struct Fields {
+    std::string text;
+    std::vector<Entry> entries;
+  };
+  [[nodiscard]] static std::unique_ptr<Fields> makeFields();
+  // Of a field that there is.
   [[nodiscard]] std::size_t endOf(std::size_t i) const {
-    return i + 1 < entries_.size() ? entries_[i + 1].offset : text_.size();
+    return i + 1 < fields_->entries.size() ? fields_->entries[i + 1].offset : fields_->text.size();
   }
   [[nodiscard]] std::string_view nameAt(std::size_t i) const;
   [[nodiscard]] std::string_view valueAt(std::size_t i) const;
@@ -83,6 +88,5 @@ class Headers {
   void join(std::size_t i, std::string_view value);
   [[nodiscard]] bool takeContentLength(std::string_view name, std::string_view value);
 
-  std::string text_;
-  std::vector<Entry> entries_;
+  std::unique_ptr<Fields> fields_;  // null: none yet
 };

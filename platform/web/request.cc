@@ -55,9 +55,7 @@ std::optional<Pieces> split(std::string_view line) {
 }
 
 // Spaces are not visible, so a fourth piece shows as one within the version.
-bool allVisible(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return ascii::isVisible(c); });
-}
+constexpr ascii::CharSet visibleChars{ascii::isVisible};
 
 // The version's number for "HTTP/1.x", and for a line without one; nothing for all else.
 std::optional<std::uint32_t> versionNumber(std::string_view text) {
@@ -94,12 +92,10 @@ bool Request::parseStatusLine(std::string_view line) {
   method = Method::get;
   version = version11;
   const std::optional<Pieces> pieces = split(line);
-  if (!pieces || !ascii::isToken(pieces->method) || !allVisible(pieces->target) || !allVisible(pieces->version)) {
-    return false;
-  }
+  if (!pieces || !ascii::isToken(pieces->method) || !visibleChars.hasAll(pieces->target)) return false;
   const std::optional<std::uint32_t> number = versionNumber(pieces->version);
   if (!number) {
-    protocol = Protocol::unknown;
+    if (visibleChars.hasAll(pieces->version)) protocol = Protocol::unknown;
     return false;
   }
   version = *number;

@@ -422,10 +422,9 @@ class ConnectionEventsTest : public ConnectionTest {
 
   // What connections hand on to each other is no larger than one of them may need.
   static void checkSpares() {
-    Workspace spare;
-    takeWorkspace(spare.buffer, spare.requestHeaders, spare.responseHeaders);
-    EXPECT_LE(spare.buffer.capacity(), Workspace::maxKeptBuffer);
-    giveWorkspace(spare.buffer, spare.requestHeaders, spare.responseHeaders);
+    std::unique_ptr<Workspace> spare = takeWorkspace();
+    EXPECT_LE(spare->buffer.capacity(), Workspace::maxKeptBuffer);
+    giveWorkspace(std::move(spare));
   }
 
   std::size_t below(std::size_t limit) { return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random); }

@@ -132,10 +132,8 @@ class ConnectionTest : public testing::Test {
   }
   // Leaves no memory of earlier connections to those that come.
   static void dropSpares() {
-    for (std::size_t i = 0; i < Workspace::maxSpare; ++i) {
-      Workspace spare;
-      takeWorkspace(spare.buffer, spare.requestHeaders, spare.responseHeaders);
-    }
+    for (std::size_t i = 0; i < Workspace::maxSpare; ++i)
+      takeWorkspace().reset();
   }
   // Further connections, which only count.
   void openOthers(unsigned count) {
