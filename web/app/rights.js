@@ -7,7 +7,7 @@ export const rights = [
     bit: permissions.read,
     title: 'See status and settings',
     short: 'see status',
-    meaning: 'How the machine is, its servers, and the own sessions. Every right to files needs this one.',
+    meaning: 'How the machine is, its servers, and your own sessions. Every right to files needs this one.',
   },
   { bit: permissions.readFiles, title: 'Read files', short: 'read files', meaning: 'List and download what lies in the user store.' },
   {

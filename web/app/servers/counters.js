@@ -3,11 +3,12 @@ import { answerClasses } from '../counters.js';
 import { h, setText } from '../dom.js';
 import { bytes, count } from '../format.js';
 
-const titles = ['Open', 'Accepted', 'Refused', 'At its limit', 'Timed out: head, body, writing', ...answerClasses, 'In', 'Out'];
+const titles = ['Open', 'Accepted', 'Refused', 'At its limit', 'Timed out: idle, body, writing', ...answerClasses, 'In', 'Out'];
 const explanations = {
   Open: 'Connections that are open now',
   Accepted: 'Connections that were accepted',
   Refused: 'Connections from addresses that may not connect',
+  'Timed out: idle, body, writing': 'Connections that were ended because nothing moved: before a request or in its head, in its body, and in its answer',
   'At its limit': 'How often no more connections were taken for a while',
 };
 

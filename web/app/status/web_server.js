@@ -4,6 +4,9 @@ import { answerClasses, sum } from '../counters.js';
 import { bytes, count, perSecond } from '../format.js';
 import { CountPlot } from './plot.js';
 
+// A figure and its unit stay in one line.
+const unbroken = (text) => text.replace(' ', '\u00a0');
+
 const figure = (title) => {
   const value = h('dd', {}, '–');
   return { value, element: h('div', {}, h('dt', {}, title), value) };
@@ -37,9 +40,10 @@ export class WebServerPanel {
     this.#showRate(age, sum(totals));
     totals.forEach((total, index) => setText(this.#classes[index].value, count(total)));
     setText(this.#connections.value, limit ? `${open} of ${count(limit)}` : String(open));
-    setText(this.#traffic.value, ['received', 'sent'].map((key) => bytes(sum(servers.map((server) => server[key])))).join(', '));
+    setText(this.#traffic.value, ['received', 'sent'].map((key) => unbroken(bytes(sum(servers.map((server) => server[key]))))).join(', '));
     setText(this.#refused.value, count(sum(servers.map(({ refused }) => refused))));
-    setText(this.#timeouts.value, count(sum(servers.map(({ timeouts }) => sum(timeouts)))));
+    // Those that were ended between two requests are no trouble.
+    setText(this.#timeouts.value, count(sum(servers.map(({ timeouts }) => sum(timeouts.slice(1))))));
     const pauses = sum(servers.map((server) => server.pauses));
     const remarks = [pauses && `at its limit ${pauses} times`, linesDropped && `${linesDropped} log lines dropped`].filter(Boolean);
     setText(this.#state, remarks.join(', ') || '\u00a0');

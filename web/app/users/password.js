@@ -76,6 +76,6 @@ function rightsPanel({ policies, group }) {
     'section',
     { class: 'panel', 'aria-labelledby': 'rights-title' },
     h('h2', { id: 'rights-title' }, `What the group ${group} may do`),
-    list.length ? h('ul', { class: 'meanings' }, ...list) : h('p', { class: 'soft' }, 'Nothing but this: to log in and to change the own password.'),
+    list.length ? h('ul', { class: 'meanings' }, ...list) : h('p', { class: 'soft' }, 'Nothing but this: to log in and to change your own password.'),
   );
 }
