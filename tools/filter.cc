@@ -24,11 +24,6 @@ bool isAnswer(const message& msg) {
   return msg.get(tn::field::isReply).value_or(false);
 }
 
-// A bounced frame goes back to its sender with its paths as they were.
-bool isTurned(const Observed& frame) {
-  return frame.kind == FrameKind::bounced;
-}
-
 std::string pathText(std::uint32_t first, const std::vector<std::uint32_t>& rest, const Programs& programs) {
   std::string text = decimal(first);
   for (const std::uint32_t element : rest)
@@ -66,6 +61,12 @@ void Programs::set(const message& list) {
   names_.clear();
   for (const message& program : messagesOf(list, programList))
     names_[program.get(programId).value_or(0)] = textOf(program, programName);
+}
+
+void Programs::noteAsked(std::uint32_t id) {
+  if (names_.contains(id)) return;
+  if (absent_.size() == mostAbsent) absent_.clear();
+  absent_.insert(id);
 }
 
 std::string_view Programs::nameOf(std::uint32_t id) const {

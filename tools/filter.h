@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -30,15 +31,21 @@ struct Observed {
 class Programs {
  public:
   void set(const tn::message& list);
-  // The broker was asked, and this one is not there: it need not be asked again.
-  void noteAbsent(std::uint32_t id) { names_.try_emplace(id); }
+  // The broker was asked about this one: if its list did not name it, it is not there, and the broker need not be asked
+  // again until a frame of its own is seen.
+  void noteAsked(std::uint32_t id);
+  void noteSender(std::uint32_t id) { absent_.erase(id); }
   [[nodiscard]] std::string_view nameOf(std::uint32_t id) const;  // empty: unknown
-  [[nodiscard]] bool knows(std::uint32_t id) const { return names_.contains(id); }
+  [[nodiscard]] bool knows(std::uint32_t id) const { return names_.contains(id) || absent_.contains(id); }
   // Whether a program is the one that is meant by an id or a name.
   [[nodiscard]] bool is(std::uint32_t id, std::string_view meant) const;
 
  private:
+  // Anybody may write to any number; when there are more, all are forgotten.
+  static constexpr std::size_t mostAbsent = 4096;
+
   std::map<std::uint32_t, std::string> names_;
+  std::set<std::uint32_t> absent_;
 };
 
 // What a message is about. An answer is about the command of its request, which it does not hold itself.
@@ -59,6 +66,11 @@ class Conversations {
 
   std::map<std::pair<std::uint32_t, std::uint32_t>, Subject> requests_;  // by asker and request number
 };
+
+// A bounced frame goes back to its sender with its paths as they were.
+[[nodiscard]] inline bool isTurned(const Observed& frame) {
+  return frame.kind == tn::FrameKind::bounced;
+}
 
 // Which frames a monitor is to show.
 class Filter {

@@ -125,6 +125,25 @@ TEST_F(Monitor, AsksWhoANewProgramIs) {
   EXPECT_EQ(link_->sent.size(), 3U);
 }
 
+TEST_F(Monitor, AsksOnceWhoIsNotThere) {
+  constexpr std::string_view others = "{u1:4,M4:[{u2:13,s3:'userd'},{u2:68,s3:'sermgr'},{u2:1003,s3:'www'}]}";
+  begin();
+  for (int i = 0; i < 3; ++i) {
+    observed(5, 1003, FrameKind::bounced, "{}");
+    if (i == 0) brokerSays(others);
+    observed(6, 1003, FrameKind::bounced, "{}");
+    if (i == 0) brokerSays(others);
+  }
+  // It has come.
+  observed(5, 1003, FrameKind::message, "{}");
+  brokerSays("{u1:4,M4:[{u2:5,s3:'late'}]}");
+  observed(5, 68, FrameKind::message, "{}");
+  EXPECT_EQ(run({"monitor", "-n", "8"}), ExitStatus::done);
+  EXPECT_THAT(output_, HasSubstr(" 5 (late) -> 68 message, "));
+  // The list, the watch, and three questions.
+  EXPECT_EQ(link_->sent.size(), 6U);
+}
+
 TEST_F(Monitor, ShowsFramesThatHoldNoMessage) {
   begin();
   observedBytes(13, 68, FrameKind::message, {'x', 'y', 'z'});

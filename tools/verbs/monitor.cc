@@ -20,6 +20,7 @@ class Monitor {
     const Observed frame{from, to, kind, static_cast<std::uint64_t>(passed.count()), payload};
     tn::message msg;
     const bool isMessage = msg.unflatten(payload);
+    programs_.noteSender(isTurned(frame) ? to : from);
     askAbout(from);
     askAbout(to);
     const Subject subject = conversations_.note(frame, msg, programs_);
@@ -44,7 +45,7 @@ class Monitor {
         [this, id](const tn::message& answer) {
           asking_ = false;
           if (!tn::isError(answer)) programs_.set(answer);
-          programs_.noteAbsent(id);
+          programs_.noteAsked(id);
         },
         context_.arguments().timeoutMs);
   }
