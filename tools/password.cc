@@ -1,5 +1,6 @@
 #include "tools/password.h"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -27,29 +28,34 @@ constexpr int stopSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 class NoEcho {
  public:
   explicit NoEcho(int fd) : fd_(fd) {
-    if (::tcgetattr(fd, &before_) != 0) return;
     struct sigaction noted {};
     noted.sa_handler = onStop;  // without SA_RESTART: the read comes back
-    for (const int number : stopSignals)
-      ::sigaction(number, &noted, nullptr);
-    termios silent = before_;
+    for (std::size_t i = 0; i < before_.signals.size(); ++i) {
+      ::sigaction(stopSignals[i], nullptr, &before_.signals[i]);
+      if (before_.signals[i].sa_handler != SIG_IGN) ::sigaction(stopSignals[i], &noted, nullptr);
+    }
+    if (::tcgetattr(fd, &before_.terminal) != 0) return;
+    termios silent = before_.terminal;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     isOff_ = ::tcsetattr(fd, TCSAFLUSH, &silent) == 0;
   }
   NoEcho(const NoEcho&) = delete;
   NoEcho& operator=(const NoEcho&) = delete;
   ~NoEcho() {
-    if (isOff_) ::tcsetattr(fd_, TCSAFLUSH, &before_);
-    struct sigaction usual {};
-    usual.sa_handler = SIG_DFL;
-    for (const int number : stopSignals)
-      ::sigaction(number, &usual, nullptr);
+    if (isOff_) ::tcsetattr(fd_, TCSAFLUSH, &before_.terminal);
+    for (std::size_t i = 0; i < before_.signals.size(); ++i)
+      ::sigaction(stopSignals[i], &before_.signals[i], nullptr);
   }
   [[nodiscard]] bool isOff() const { return isOff_; }
 
  private:
+  struct Before {
+    termios terminal;
+    std::array<struct sigaction, std::size(stopSignals)> signals;
+  };
+
   int fd_;
-  termios before_{};
+  Before before_{};
   bool isOff_ = false;
 };
 
@@ -60,8 +66,12 @@ std::optional<std::string> readLine(int fd, std::string& error) {
     char c = 0;
     const ssize_t count = ::read(fd, &c, 1);
     if (count < 0 && errno == EINTR && wasStopped == 0) continue;
-    if (count < 0) error = std::string("cannot read the password: ").append(std::strerror(errno));
-    if (count == 0 && line.empty()) error = "no password was given";
+    const bool isStopped = count < 0 && errno == EINTR;
+    if (isStopped || (count == 0 && line.empty())) {
+      error = "no password was given";
+    } else if (count < 0) {
+      error = std::string("cannot read the password: ").append(std::strerror(errno));
+    }
     if (!error.empty()) return std::nullopt;
     if (count == 0 || c == '\n') return line;
     if (line.size() == mostBytes) {
