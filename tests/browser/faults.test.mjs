@@ -90,7 +90,7 @@ test('the password was changed while the server was away', async () => {
   await noticed(page, lost);
   await control.tn('call', '13/2', '0x20001', "{s1:'carol',s3:'second password'}");
   await control.start('www');
-  await page.getByRole('alert').getByText('did not accept your login any more').waitFor({ timeout: 60000 });
+  await page.getByRole('alert').getByText('did not accept your login any more').waitFor();
   assert.equal(await page.locator('.status').count(), 0);
   await logIn(page, { user: 'carol', password: 'second password' });
   await page.waitForSelector('.status[data-state=live]');

@@ -14,6 +14,7 @@ test('a session without a poll is gone after 60 seconds, one with a poll stays',
   const { context, page } = await open(browser);
   const { files } = await (await get(context, `${origin}/system.json`)).json();
   const client = files.find((path) => path.endsWith('/client.js'));
+  const began = Date.now();
   const id = await page.evaluate(async ([path, { user, password }]) => {
     const { Session } = await import(path);
     const session = new Session({ keepAlive: false });
@@ -24,7 +25,6 @@ test('a session without a poll is gone after 60 seconds, one with a poll stays',
     return error ? error.text : session.id;
   }, [client, account]);
   assert.equal(typeof id, 'number');
-  const began = Date.now();
   await until(async () => (await control.end_notices()).includes(id), 'the notice of the end');
   const seconds = (Date.now() - began) / 1000;
   assert.ok(seconds > 58, `gone after ${seconds} s already`);

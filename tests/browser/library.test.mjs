@@ -76,15 +76,18 @@ test('a request that was overtaken by too many others is sent again', async () =
   const session = await open();
   const { fetch } = globalThis;
   let held = 0;
+  let release;
+  const released = new Promise((resolve) => (release = resolve));
   globalThis.fetch = async (...args) => {
     const isPoll = args[1].body.length < 20;
-    if (!isPoll && held++ === 0) await new Promise((resolve) => setTimeout(resolve, 5500));
+    if (!isPoll && held++ === 0) await released;
     return fetch(...args);
   };
-  const overtaken = session.call(helper, echo, { u1: 1 });
+  const overtaken = session.call(helper, echo, { u1: 1 }, { timeout: 60000 });
   await until(() => held > 0, 'the request to be held');
   globalThis.fetch = fetch;
   for (let i = 0; i < 4; i++) assert.equal((await session.call(helper, echo, { r1: new Uint8Array(25000) })).error, undefined);
+  release();
   assert.equal((await overtaken).reply?.u1, 1);
   assert.ok((await control.log_lines('www')).includes('bad seq'), 'the first try came too late');
   assert.equal(session.state.renewed, null, 'the session is the same');
