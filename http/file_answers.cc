@@ -36,13 +36,13 @@ void FileAnswers::check() {
   watch_.check();
   checked_ = true;
   checkedAfter_ = runner_->waits();
+  checkedAt_ = std::time(nullptr);
 }
 
 // Of a folder nothing is told that could go stale unannounced.
-bool FileAnswers::stillSame(Entry& entry) {
-  const std::time_t now = std::time(nullptr);
-  if (now == entry.looked_ || S_ISDIR(entry.answer.status.st_mode)) return true;
-  entry.looked_ = now;
+bool FileAnswers::stillSame(Entry& entry) const {
+  if (checkedAt_ == entry.looked_ || S_ISDIR(entry.answer.status.st_mode)) return true;
+  entry.looked_ = checkedAt_;
   struct stat status {};
   return stat(entry.answer.path.c_str(), &status) == 0 && isSameFile(status, entry.answer.status);
 }

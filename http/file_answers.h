@@ -115,7 +115,7 @@ class FileAnswers {
   void check();
   [[nodiscard]] bool isWanted(const void* owner, std::string_view question);
   const FileAnswer* insert(std::unique_ptr<Entry> entry);
-  [[nodiscard]] static bool stillSame(Entry& entry);
+  [[nodiscard]] bool stillSame(Entry& entry) const;
   void drop(Entries::iterator entry);
   void armSweep();
   void sweep();
@@ -128,6 +128,7 @@ class FileAnswers {
   tn::ThinRunner* sweeper_ = nullptr;
   tn::ThinRunner::TimerHandle sweepTimer_ = 0;
   bool checked_ = false;                 // for this request
+  std::time_t checkedAt_ = 0;            // the second of the last check
   std::uint64_t drops_ = 0;              // how often something was let go
   std::uint64_t checkedAfter_ = noWait;  // the wait after which the last check was made
 };

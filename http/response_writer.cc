@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
-#include <optional>
 #include <sys/stat.h>
 #include <utility>
 
@@ -82,20 +81,20 @@ class Writer {
       if (!S_ISREG(known->st_mode)) return false;
       out_.cached = fileCache().find(response_.file, *known);
       if (out_.cached) {
-        status_ = out_.cached->status();
+        status_ = &out_.cached->status();
         return true;
       }
     }
     UniqueFd fd(open(response_.file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     if (!fd) return false;
-    if (struct stat status{}; fstat(fd.get(), &status) == 0) {
-      status_ = status;
-      if (!S_ISREG(status.st_mode)) return false;
+    if (fstat(fd.get(), &opened_) == 0) {
+      status_ = &opened_;
+      if (!S_ISREG(opened_.st_mode)) return false;
     } else {
       logSystemError("fstat");
     }
     if (response_.deleteFile) unlink(response_.file.c_str());
-    if (known != nullptr && status_) out_.cached = fileCache().insert(runner_, response_.file, fd, *status_);
+    if (known != nullptr && status_ != nullptr) out_.cached = fileCache().insert(runner_, response_.file, fd, *status_);
     out_.fileFd = std::move(fd);
     return true;
   }
@@ -111,7 +110,7 @@ class Writer {
   }
 
   void putFile() {
-    if (status_) {
+    if (status_ != nullptr) {
       out_.fileRemaining = static_cast<std::uint32_t>(status_->st_size);
       putRange();
       set("Content-Length", out_.fileRemaining);
@@ -167,7 +166,8 @@ class Writer {
   tn::ThinRunner& runner_;
   Outgoing& out_;
   const std::int64_t now_ = std::time(nullptr);
-  std::optional<struct stat> status_;  // of the open file; nothing when fstat failed
+  const struct stat* status_ = nullptr;  // of the open file; null when fstat failed
+  struct stat opened_;                   // where it is kept when the cache does not
 };
 
 }  // namespace

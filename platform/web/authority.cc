@@ -15,12 +15,7 @@ std::size_t hostLength(std::string_view text) {
   return end + 1;
 }
 
-bool allDigits(std::string_view text) {
-  for (const char c : text) {
-    if (!ascii::isDigit(c)) return false;
-  }
-  return true;
-}
+constexpr ascii::CharSet digits{ascii::isDigit};
 
 }  // namespace
 
@@ -28,7 +23,7 @@ bool isAuthority(std::string_view text) {
   const std::size_t length = hostLength(text);
   if (length == 0) return false;
   const std::string_view rest = text.substr(length);
-  return rest.empty() || (rest.front() == ':' && allDigits(rest.substr(1)));
+  return rest.empty() || (rest.front() == ':' && digits.hasAll(rest.substr(1)));
 }
 
 bool isAuthorityWithPort(std::string_view text) {
