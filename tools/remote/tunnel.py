@@ -196,10 +196,11 @@ class Tunnel:
 
     # HTTP
 
-    def _take_connection(self, timeout):
+    def _take_connection(self, timeout, may_be_kept):
+        """A connection, and whether it was used before."""
         timeout = None if timeout == FOREVER else timeout
         with self._lock:
-            while self._idle:
+            while may_be_kept and self._idle:
                 connection, since = self._idle.pop()
                 if time.monotonic() - since < CONNECTION_LIFE:
                     connection.sock.settimeout(timeout)
@@ -211,13 +212,14 @@ class Tunnel:
         """One request; status, headers and body of its answer. With `out`, the body of a good answer is written there
         as it comes and not kept."""
         timeout = self.timeout if timeout is None else timeout
-        connection, is_kept = self._take_connection(timeout)
+        # A kept connection may end as it is used again, and a body that is read as it is sent cannot be sent again.
+        connection, is_kept = self._take_connection(timeout, may_be_kept=isinstance(body, (bytes, type(None))))
         try:
             try:
                 response = self._ask(connection, method, target, body, headers or {})
             except (http.client.RemoteDisconnected, ConnectionResetError):
-                # A kept connection may end as it is used again. Then nothing was taken; and if it was, a frame is not taken twice.
-                if not is_kept or not isinstance(body, (bytes, type(None))):
+                # Nothing was taken; and if it was, a frame is not taken twice.
+                if not is_kept:
                     raise
                 connection.close()
                 connection = self._class(*self._address, timeout=None if timeout == FOREVER else timeout)
