@@ -45,10 +45,11 @@ bool writable(int timeoutMs) {
 
 void appendText(std::string_view text) {
   LogBuffer& log = buffer();
-  for (const char c : text) {
+  std::transform(text.begin(), text.end(), log.bytes.begin() + static_cast<std::ptrdiff_t>(log.used), [](char c) {
     const bool control = static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-    log.bytes[log.used++] = control ? '?' : c;
-  }
+    return control ? '?' : c;
+  });
+  log.used += text.size();
 }
 
 bool appendLine(const std::string_view* pieces, std::uint32_t count) {
