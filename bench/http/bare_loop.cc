@@ -1,9 +1,10 @@
 // The floor that a server is measured against: an epoll loop that reads whatever comes and writes one fixed response,
 // without parsing, files, timers or a log.
 //
-//   bare_loop PORT FILE keep|close
+//   bare_loop PORT FILE keep|close|asking
 //
-// The response carries FILE's bytes. With "close" each connection is closed after one response.
+// The response carries FILE's bytes. With "close" each connection is closed after one response. "asking" is the same,
+// but each connection is asked for what a server has to know of it here: both addresses and the original destination.
 
 #include <array>
 #include <cerrno>
@@ -56,10 +57,23 @@ void watch(int loop, int fd) {
   epoll_ctl(loop, EPOLL_CTL_ADD, fd, &event);
 }
 
-void acceptAll(int loop, int listener) {
+void ask(int fd) {
+  constexpr int originalDestination = 80;
+  sockaddr_storage address{};
+  sockaddr generic{};
+  socklen_t length = sizeof generic;
+  getsockname(fd, &generic, &length);
+  length = sizeof generic;
+  getpeername(fd, &generic, &length);
+  length = sizeof address;
+  getsockopt(fd, SOL_IP, originalDestination, &address, &length);
+}
+
+void acceptAll(int loop, int listener, bool asking) {
   for (;;) {
     const int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) return;
+    if (asking) ask(fd);
     watch(loop, fd);
   }
 }
@@ -105,6 +119,7 @@ int main(int argc, char** argv) {
   // The load ends in the middle of responses.
   std::signal(SIGPIPE, SIG_IGN);
   const bool keep = std::strcmp(argv[3], "keep") == 0;
+  const bool asking = std::strcmp(argv[3], "asking") == 0;
   const std::string body = readFile(argv[2]);
   const std::string response =
       std::string("HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nConnection: ") +
@@ -120,7 +135,7 @@ int main(int argc, char** argv) {
     for (int i = 0; i < count; ++i) {
       const int fd = events[static_cast<std::size_t>(i)].data.fd;
       if (fd == listener.get()) {
-        acceptAll(loop.get(), fd);
+        acceptAll(loop.get(), fd, asking);
       } else {
         serve(fd, response, left, keep);
       }

@@ -145,7 +145,7 @@ def starters(work, tree, build, case):
         "nginx": lambda **o: servers.start_nginx(work, tree, 0, **o),
         "lighttpd": lambda **o: servers.start_lighttpd(work, tree, 0, **o),
         "h2o": lambda **o: servers.start_h2o(work, tree, 0, **o),
-        "bare loop": lambda **o: servers.start_bare(work, tree, 0, build, name, keep, **o),
+        "bare loop": lambda **o: servers.start_bare(work, tree, 0, build, name, "keep" if keep else "close", **o),
         "www": lambda **o: servers.start_www(work, tree, 0, build, **o),
     }
 

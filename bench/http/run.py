@@ -67,7 +67,8 @@ def start_all(work, tree, build, case, cpu):
     try:
         for make in (servers.start_nginx, servers.start_lighttpd, servers.start_h2o):
             started.append(make(work, tree, cpu))
-        started.append(servers.start_bare(work, tree, cpu, build, name, keep))
+        for mode in ("keep",) if keep else ("close", "asking"):
+            started.append(servers.start_bare(work, tree, cpu, build, name, mode))
         started.append(servers.start_www(work, tree, cpu, build))
         for server in started:
             server.settle()
@@ -105,13 +106,13 @@ def measure(case, build, seconds, rounds, cores):
 
 def show(title, samples):
     print(f"\n{title}")
-    print(f"  {'server':<10} {'req/s':>9} {'cpu us/req':>11} {'spread':>7} {'www / it':>9} {'p99 us':>9} {'RSS KiB':>8}")
+    print(f"  {'server':<11} {'req/s':>9} {'cpu us/req':>11} {'spread':>7} {'www / it':>9} {'p99 us':>9} {'RSS KiB':>8}")
     own = [s["cpu_us"] for s in samples["www"]]
     for name, list_ in samples.items():
         r = {key: statistics.median(s[key] for s in list_) for key in list_[0]}
         theirs = [s["cpu_us"] for s in list_]
         ratio = statistics.median(x / y for x, y in zip(own, theirs))
-        print(f"  {name:<10} {r['rate']:>9.0f} {r['cpu_us']:>11.2f} {figures.spread(theirs):>7.2f} {ratio:>9.2f}"
+        print(f"  {name:<11} {r['rate']:>9.0f} {r['cpu_us']:>11.2f} {figures.spread(theirs):>7.2f} {ratio:>9.2f}"
               f" {r['p99_us']:>9.0f} {r['rss_kib']:>8.0f}")
     sys.stdout.flush()
 

@@ -170,10 +170,11 @@ def start_h2o(work, tree, cpu, under=(), **options):
     return Server("h2o", port, spawn(cpu, *under, shutil.which("h2o", path=SBIN), "-m", "worker", "-c", conf, **options))
 
 
-def start_bare(work, tree, cpu, build, file, keep, under=(), **options):
+def start_bare(work, tree, cpu, build, file, mode, under=(), **options):
+    """`mode`: whether connections are kept ("keep", "close"), or asked for their addresses and closed ("asking")."""
     port = free_port()
-    return Server("bare loop", port, spawn(cpu, *under, build / "bin" / "bare_loop", port, tree / file,
-                                           "keep" if keep else "close", **options))
+    name = "asking loop" if mode == "asking" else "bare loop"
+    return Server(name, port, spawn(cpu, *under, build / "bin" / "bare_loop", port, tree / file, mode, **options))
 
 
 SBIN = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
