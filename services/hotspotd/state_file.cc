@@ -15,6 +15,7 @@
 #include "platform/bus/text.h"
 #include "platform/log.h"
 #include "platform/unique_fd.h"
+#include "services/common/file_text.h"
 
 namespace hotspot {
 namespace {
@@ -42,26 +43,6 @@ std::string newCode() {
 
 bool isControl(char c) {
   return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
-}
-
-// The file's bytes; nothing when it cannot be read, errno says why.
-std::optional<std::string> readFile(const std::string& path) {
-  const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file) return std::nullopt;
-  std::string text(maxFileBytes + 1, '\0');
-  std::size_t held = 0;
-  while (held < text.size()) {
-    const ssize_t got = read(file.get(), text.data() + held, text.size() - held);
-    if (got < 0) return std::nullopt;
-    if (got == 0) break;
-    held += static_cast<std::size_t>(got);
-  }
-  text.resize(held);
-  if (held > maxFileBytes) {
-    errno = EFBIG;
-    return std::nullopt;
-  }
-  return text;
 }
 
 bool writeWhole(int fd, std::string_view text) {
@@ -152,7 +133,7 @@ State defaultState() {
 
 State StateFile::load() const {
   const State defaults = defaultState();
-  const std::optional<std::string> text = readFile(path_);
+  const std::optional<std::string> text = service::readFile(path_.c_str(), maxFileBytes);
   const bool missing = !text && errno == ENOENT;
   if (!text && !missing) logSystemError(path_);
   Contents contents{{defaults.settings, {}}};

@@ -2,7 +2,6 @@
 #include <cerrno>
 #include <csignal>
 #include <expected>
-#include <fcntl.h>
 #include <optional>
 #include <string>
 #include <sys/prctl.h>
@@ -15,6 +14,7 @@
 #include "platform/log.h"
 #include "platform/standard_streams.h"
 #include "platform/unique_fd.h"
+#include "services/common/file_text.h"
 #include "services/supervisor/enquiry.h"
 #include "services/supervisor/journal.h"
 #include "services/supervisor/log_handler.h"
@@ -38,21 +38,6 @@ constexpr std::uint32_t notifierId = 3;  // its place as a handler; nobody has a
 // How long the reader of the log may take at the end.
 constexpr int drainMs = 1000;
 
-std::optional<std::string> readList() {
-  const UniqueFd file(open(listPath, O_RDONLY | O_CLOEXEC));
-  if (!file) return std::nullopt;
-  std::string text(maxListBytes, '\0');
-  std::size_t held = 0;
-  while (held < text.size()) {
-    const ssize_t got = read(file.get(), text.data() + held, text.size() - held);
-    if (got < 0) return std::nullopt;
-    if (got == 0) break;
-    held += static_cast<std::size_t>(got);
-  }
-  text.resize(held);
-  return text;
-}
-
 bool isLeftOut(const tnrun::Program& program) {
   if (!program.optional || access(program.path.c_str(), F_OK) == 0 || errno != ENOENT) return false;
   logLine("tnrun: ", program.name, " is not installed");
@@ -60,7 +45,7 @@ bool isLeftOut(const tnrun::Program& program) {
 }
 
 std::optional<std::vector<tnrun::Program>> readPrograms() {
-  const std::optional<std::string> text = readList();
+  const std::optional<std::string> text = service::readFile(listPath, maxListBytes);
   if (!text) {
     logSystemError(listPath);
     return std::nullopt;
