@@ -49,6 +49,8 @@ class Answerer:
         while True:
             try:
                 request = self.client.receive(timeout=3600)
+                if request.command == tarnbus.ASK_FOR_RECORDS:
+                    continue  # by a server that is slow to get its record, of which the hotspot service may know more
                 self.requests.append(request)
                 fields = self.make(request)
                 if fields is not None:
