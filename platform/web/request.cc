@@ -39,23 +39,23 @@ struct Pieces {
   std::string_view version;  // empty: the line has none
 };
 
-// The pieces between the spaces; nothing when there are not two or three, or one is empty.
-std::optional<Pieces> split(std::string_view line) {
-  const std::size_t first = line.find(' ');
-  if (first == std::string_view::npos || first == 0) return std::nullopt;
-  Pieces pieces{line.substr(0, first), line.substr(first + 1), {}};
-  const std::size_t second = pieces.target.find(' ');
-  if (second != std::string_view::npos) {
-    pieces.version = pieces.target.substr(second + 1);
-    pieces.target = pieces.target.substr(0, second);
-    if (pieces.version.empty()) return std::nullopt;
-  }
-  if (pieces.target.empty()) return std::nullopt;
-  return pieces;
-}
-
 // Spaces are not visible, so a fourth piece shows as one within the version.
 constexpr ascii::CharSet visibleChars{ascii::isVisible};
+
+// The pieces between the spaces; nothing when there are not two or three, one is empty, the method is no token, or a
+// byte of the target is not visible.
+std::optional<Pieces> split(std::string_view line) {
+  const std::size_t methodLength = ascii::tokenChars.lengthIn(line);
+  if (methodLength == 0 || methodLength == line.size() || line[methodLength] != ' ') return std::nullopt;
+  const std::string_view rest = line.substr(methodLength + 1);
+  const std::size_t targetLength = visibleChars.lengthIn(rest);
+  if (targetLength == 0) return std::nullopt;
+  Pieces pieces{line.substr(0, methodLength), rest.substr(0, targetLength), {}};
+  if (targetLength == rest.size()) return pieces;
+  pieces.version = rest.substr(targetLength + 1);
+  if (rest[targetLength] != ' ' || pieces.version.empty()) return std::nullopt;
+  return pieces;
+}
 
 // The version's number for "HTTP/1.x", and for a line without one; nothing for all else.
 std::optional<std::uint32_t> versionNumber(std::string_view text) {
@@ -92,7 +92,7 @@ bool Request::parseStatusLine(std::string_view line) {
   method = Method::get;
   version = version11;
   const std::optional<Pieces> pieces = split(line);
-  if (!pieces || !ascii::isToken(pieces->method) || !visibleChars.hasAll(pieces->target)) return false;
+  if (!pieces) return false;
   const std::optional<std::uint32_t> number = versionNumber(pieces->version);
   if (!number) {
     if (visibleChars.hasAll(pieces->version)) protocol = Protocol::unknown;
