@@ -36,7 +36,7 @@ namespace {
 
 using State = Connection::State;
 
-constexpr std::size_t largeText = 300000;
+constexpr std::size_t largeText = 40000;
 
 void require(bool holds) {
   if (!holds) std::abort();

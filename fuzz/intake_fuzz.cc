@@ -116,7 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   Intake intake;
   intake.allowMessages();
-  std::vector<std::uint8_t> space(Intake::carriedBytes + 8192);
+  static std::vector<std::uint8_t> space(Intake::carriedBytes + 8192);
   Outcome outcome;
   for (std::size_t piece = 0; piece * arrival.pieceBytes < stream.size() && !outcome.broken; ++piece) {
     const Bytes left = Bytes(stream).subspan(piece * arrival.pieceBytes);

@@ -112,10 +112,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   Request request(false, false);
   checkRequestLine(request, lines.front());
+  Headers taken;  // by the lines that were taken alone: the others leave no trace
   for (std::size_t i = 1; i < lines.size() && !lines[i].empty(); ++i) {
-    const std::string before = printed(request.headers);
-    if (!request.headers.parseHeaderLine(lines[i])) require(printed(request.headers) == before);
+    if (request.headers.parseHeaderLine(lines[i])) require(taken.parseHeaderLine(lines[i]));
   }
+  require(printed(request.headers) == printed(taken));
   checkHeaders(request.headers);
   tn::message stored;
   request.store(stored);

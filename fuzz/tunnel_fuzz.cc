@@ -42,8 +42,9 @@ class Input {
   Bytes rest_;
 };
 
-SessionKeys keys() {
-  return deriveSessionKeys(MasterKey());
+const SessionKeys& keys() {
+  static const SessionKeys derived = deriveSessionKeys(MasterKey());
+  return derived;
 }
 
 // Beyond it no frame is begun: the keystream would become long.
