@@ -5,7 +5,7 @@ import { get, launch, newContext, watch } from './browser.mjs';
 import { account, origin, until } from './control.mjs';
 
 export const desktop = { colorScheme: 'light', viewport: { width: 1280, height: 900 } };
-export const phone = { colorScheme: 'light', viewport: { width: 390, height: 844 }, isMobile: true, hasTouch: true };
+export const phone = { colorScheme: 'light', viewport: { width: 360, height: 740 }, isMobile: true, hasTouch: true };
 export const shots = process.env.TARN_SHOTS;
 
 /** Opens the interface in a browser of its own. What goes wrong is collected in `troubles`. */

@@ -34,6 +34,14 @@ const looks = [
   ['phone-dark', { ...phone, colorScheme: 'dark' }, () => {}],
 ];
 
+/** The panels that reach into the margin of the page. */
+const tooWide = (page) =>
+  page.evaluate(() => {
+    const place = document.getElementById('page');
+    const right = place.getBoundingClientRect().right - parseFloat(getComputedStyle(place).paddingRight);
+    return [...place.querySelectorAll('.panel')].filter((panel) => panel.getBoundingClientRect().right > right + 1).map((panel) => panel.className);
+  });
+
 for (const [name, look, inspect] of looks) {
   test(`every page: ${name}`, async () => {
     const { context, page, troubles } = await open(browser, { ...look, ...measurable });
@@ -44,6 +52,7 @@ for (const [name, look, inspect] of looks) {
       await goTo(page, title);
       await ready(page);
       assert.equal(await page.evaluate(() => document.documentElement.scrollWidth - innerWidth), 0, `${title} is too wide`);
+      assert.deepEqual(await tooWide(page), [], `${title} keeps its margin`);
       await inspect(page, title);
       await page.screenshot({ path: `${shots}/${title.toLowerCase()}-${name}.png`, fullPage: true });
     }

@@ -87,7 +87,7 @@ export function startSessions(place, { session, notices }) {
         'p',
         { class: 'soft lead' },
         mayManage
-          ? 'Who is logged in. A page that is open counts as active; one that is closed without logging out is forgotten after a minute.'
+          ? 'Who is logged in. A page that is open stays logged in, however idle; one that was closed without logging out is forgotten after a minute.'
           : 'These are your own. To see those of others needs the right “Manage users”.',
       ),
       panel,
