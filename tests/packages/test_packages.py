@@ -203,6 +203,10 @@ class Life(unittest.TestCase):
         page = wait_until(lambda: self.fetch(url), f"{url} to answer")
         self.assertIn("<title>", page)
 
+    def await_journal(self, text):
+        """Waits until the journal, which is written behind what it tells of, has a text about the system."""
+        wait_until(lambda: text in self.machine.run("journalctl", "--no-pager", "-u", "tarn").stdout, f"{text!r} in the journal")
+
     def tn(self, *arguments):
         return self.machine.run("tn", *arguments).stdout
 
@@ -286,7 +290,7 @@ class Life(unittest.TestCase):
         hung = self.machine.processes("tarn.service")
         os.kill(hung["tnrun"], signal.SIGSTOP)
         self.await_another("tnrun", hung)
-        self.assertIn("Watchdog timeout", self.machine.run("journalctl", "--no-pager", "-u", "tarn").stdout)
+        self.await_journal("Watchdog timeout")
         unit.unlink()
         self.machine.run("systemctl", "daemon-reload")
         self.machine.run("systemctl", "restart", "tarn")
@@ -331,7 +335,7 @@ class Life(unittest.TestCase):
     def without_services(self):
         self.machine.run("dpkg", "--remove", "tarn-services")
         self.machine.await_programs({"tnrun", "busd", "www"})
-        self.assertIn("tnrun: userd is not installed", self.machine.run("journalctl", "--no-pager", "-u", "tarn").stdout)
+        self.await_journal("tnrun: userd is not installed")
         self.install("tarn-services")
         self.machine.await_programs(PROGRAMS)
         self.await_page(f"{self.url}/")
