@@ -9,7 +9,7 @@ struct Facts {
   struct stat status {};
 };
 
-constinit Facts facts;
+Facts facts;
 
 }  // namespace
 

@@ -12,16 +12,16 @@
 #include "platform/bus/files.h"
 #include "platform/unique_fd.h"
 
-// Tells whether what the file system said before still holds, for one system call a request instead of one for each
-// file and folder that the request touches.
+// Tells whether what the file system said before still holds, for one system call in a turn of the loop instead of one
+// for each file and folder that a request touches.
 //
 // For every path that is asked for, the kernel's inotify watches the folders on its way, from "/" on, and the file
 // itself. Each watch is set before what it guards is looked at: first a folder, then what its names lead to. So as long
 // as no event names a piece of the path, the path leads to the very same file, with the same size and times, and a name
 // that was not there is still missing. The kernel queues an event within the system call that makes the change. Whoever
-// has changed a file and then sends a request has therefore put the event into the queue before the request could be
-// read, and an empty queue after that read is proof. Another file system that is put over a folder, or is taken away,
-// is announced by the table of mounts, which is looked at in the same call.
+// has changed a file and then sends a request has therefore put the event into the queue before the first byte of the
+// request could be seen, and a queue that is empty after that is proof. Another file system that is put over a folder,
+// or is taken away, is announced by the table of mounts, which is looked at in the same call.
 //
 // What cannot be proved is not noted: a path with a symbolic link, with "." or ".." in it, through a folder that must
 // not be listed, or on a file system that is not known to announce all changes (those of a network or of user space,
