@@ -29,7 +29,7 @@ import servers  # noqa: E402
 # Every connection sends so many requests: before strace looks, and while it does.
 WARM_UP, COUNTED = 3, 20
 # The same for the two runs under callgrind; the second has more.
-FEW, MANY = 5, 45
+FEW, MANY = 5, 205
 CALLGRIND = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null"]
 PATIENCE = 60.0
 
