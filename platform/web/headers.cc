@@ -6,7 +6,6 @@
 #include "platform/web/ascii.h"
 #include "platform/web/authority.h"
 #include "platform/web/functions.h"
-#include "platform/web/reuse.h"
 
 namespace {
 
@@ -173,10 +172,10 @@ bool Headers::takeContentLength(std::string_view name, std::string_view value) {
 
 void Headers::clear() {
   if (!fields_) return;
-  clearForReuse(fields_->text, keptBytes);
-  if (fields_->entries.capacity() > keptFields) {
-    std::vector<Entry>().swap(fields_->entries);
+  if (fields_->text.capacity() > keptBytes || fields_->entries.capacity() > keptFields) {
+    fields_.reset();
   } else {
+    fields_->text.clear();
     fields_->entries.clear();
   }
 }
