@@ -4,7 +4,6 @@ With --probe, only tries whether the kernel lets one do that.
 """
 
 import fcntl
-import os
 import shutil
 import socket
 import struct
@@ -43,10 +42,14 @@ class Redirected(test_hotspot.Hotspot):
         with rawhttp.Connection.tcp(wanted[1], wanted[0]) as connection:
             return connection.get(target)
 
-    @unittest.skipIf("TARN_QEMU" in os.environ, "the emulator does not pass the question for the address on")
     def test_a_tcp_listener_knows_what_was_wanted(self):
         redirect(WANTED, self.port)
         page = test_hotspot.facts(self.get(WANTED))
+        if harness.is_foreign(self.system.root / "bin/www"):
+            # The emulator does not pass the question on: whoever is redirected seems to have come by itself.
+            self.assertEqual(page.get("original", page["local"]), page["local"])
+            self.assertEqual(self.get(WANTED, "/generate_204").status, 404)
+            return
         self.assertEqual((page["original"], page["local"]), ("127.9.9.9:80", f"127.0.0.1:{self.port}"))
         # Whoever wanted something else is sent to the front page, until logged in.
         self.assertEqual(self.get(WANTED, "/generate_204").header("location"), "/")
