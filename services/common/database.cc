@@ -49,16 +49,24 @@ std::string Statement::text(int column) const {
 }
 
 int Database::open(const std::string& path) {
-  sqlite3* connection = nullptr;
-  constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
-  const int result = sqlite3_open_v2(path.c_str(), &connection, flags, nullptr);
-  connection_.reset(connection);  // there also after a failure
+  int result = connect(path);
+  // A file that could not be opened for writing was opened for reading. Where that passes, it must not last.
+  if (result == SQLITE_OK && sqlite3_db_readonly(connection_.get(), "main") == 1) result = connect(path);
   if (result != SQLITE_OK) return result;
+  sqlite3* const connection = connection_.get();
   sqlite3_busy_timeout(connection, lockWaitMs);
   // The file may have been written by anyone who got at the storage.
   sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   return SQLITE_OK;
+}
+
+int Database::connect(const std::string& path) {
+  sqlite3* connection = nullptr;
+  constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
+  const int result = sqlite3_open_v2(path.c_str(), &connection, flags, nullptr);
+  connection_.reset(connection);  // there also after a failure
+  return result;
 }
 
 int Database::run(const char* sql) {

@@ -57,6 +57,8 @@ class Database {
   struct Close {
     void operator()(sqlite3* connection) const { sqlite3_close_v2(connection); }
   };
+  [[nodiscard]] int connect(const std::string& path);
+
   std::unique_ptr<sqlite3, Close> connection_;
 };
 
