@@ -41,19 +41,51 @@ std::vector<Record> defaultRecords() {
   return {http, https};
 }
 
-Manager::Manager(Store& store) : store_(store), delivery_(*this) {}
+Manager::Manager(Store& store) : store_(store), delivery_(*this), retry_([this] { openStoreAgain(); }) {}
 
 void Manager::start() {
-  std::vector<Record> records = defaultRecords();
-  Store::Failure failure = store_.open(records);
+  std::vector<Record> records;
+  if (!openStore(records)) records = defaultRecords();
+  take(std::move(records));
+}
+
+// Whether the store is open, and these are its records. If not, it is tried again later.
+bool Manager::openStore(std::vector<Record>& records) {
+  Store::Failure failure = store_.open(defaultRecords());
   if (!failure) failure = store_.load(records);
-  if (failure) {
-    logLine("records: ", *failure, "; starting with the defaults, changes are refused");
-    records = defaultRecords();
+  if (!failure) return true;
+  // A change must not be laid over records that were not read.
+  store_.close();
+  if (failure != lastFailure_) {
+    logLine("records: ", *failure, "; the defaults serve and changes are refused, trying again");
   }
+  lastFailure_ = std::move(failure);
+  retry_.start(tn::getRunner()->timers(), retryMs);
+  return false;
+}
+
+// The servers may have been told the defaults meanwhile.
+void Manager::openStoreAgain() {
+  std::vector<Record> records;
+  if (!openStore(records)) return;
+  logLine("records: they can be read now");
+  const auto before = std::exchange(entries_, {});
+  take(std::move(records));
+  std::vector<std::string> gone;
+  for (const auto& [name, entry] : before) {
+    if (!entries_.contains(name)) gone.push_back(name);
+  }
+  delivery_.findServers([this, gone](const Delivery::Found& found) {
+    for (const std::string& name : gone)
+      delivery_.deliver(found.servers, removeCommand(name), [](const Outcome&) {});
+    sendAll(found.servers);
+  });
+}
+
+void Manager::take(std::vector<Record> records) {
   for (Record& record : records) {
     std::string name = record.name;
-    entries_[std::move(name)].record = std::move(record);
+    entries_[std::move(name)] = {std::move(record), false, {}, ++lastRevision_};
   }
 }
 

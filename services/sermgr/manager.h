@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/bus/handler.h"
+#include "platform/bus/timer.h"
 #include "services/sermgr/delivery.h"
 #include "services/sermgr/record.h"
 #include "services/sermgr/store.h"
@@ -46,11 +47,14 @@ class Manager : public tn::Handler {
  public:
   // Changes that may be on their way to the servers at a time.
   static constexpr std::size_t maxChanges = 256;
+  // Between two attempts to open a store that cannot be opened.
+  static constexpr std::uint32_t retryMs = 1000;
 
   // The store must outlive the manager.
   explicit Manager(Store& store);
 
-  // Opens the store and takes its records. Where it cannot be opened, the defaults serve and changes are refused.
+  // Opens the store and takes its records. While it cannot be opened, the defaults serve and changes are refused; it is
+  // tried again every retryMs, and the servers are then told the records.
   void start();
 
   void handleCmd(tn::message& msg) override;
@@ -79,6 +83,10 @@ class Manager : public tn::Handler {
   };
   using Change = std::optional<Refusal> (Manager::*)(const tn::message& msg, std::string_view name);
 
+  [[nodiscard]] bool openStore(std::vector<Record>& records);
+  void openStoreAgain();
+  void take(std::vector<Record> records);
+
   void change(const tn::message& msg, Change make);
   std::optional<Refusal> set(const tn::message& msg, std::string_view name);
   std::optional<Refusal> add(const tn::message& msg, std::string_view name);
@@ -103,6 +111,8 @@ class Manager : public tn::Handler {
   std::uint64_t lastRevision_ = 0;
   std::size_t changes_ = 0;         // on their way
   std::set<std::uint32_t> askers_;  // who is about to be given all records
+  Store::Failure lastFailure_;      // of opening the store
+  tn::Timer retry_;
 };
 
 }  // namespace sermgr

@@ -515,6 +515,33 @@ TEST_F(ManagerTest, ServesTheDefaultsWhereThereIsNoStorage) {
   EXPECT_THAT(records(), ElementsAre("http on 8080", "https on 8443"));
 }
 
+// The store holds other records than the defaults, which were served meanwhile: the servers are told those, and that
+// the rest is gone.
+TEST_F(ManagerTest, TakesTheRecordsOnceTheStorageCanBeUsed) {
+  ask(tn::command::set, "{s1:'http',u2:9}");
+  ask(tn::command::removeObj, "{s1:'https'}");
+  end();
+  const std::string away = directory_ + ".away";
+  std::filesystem::rename(directory_, away);
+  std::ofstream(directory_) << "a file in the way";
+  begin();
+  loop_->advance(10 * sermgr::Manager::retryMs);
+  EXPECT_EQ(answerTo(ask(tn::command::set, "{s1:'http',u2:7}")), "fe0011 cannot store the record: no database");
+  std::filesystem::remove(directory_);
+  std::filesystem::rename(away, directory_);
+  loop_->advance(sermgr::Manager::retryMs);
+  EXPECT_THAT(records(), ElementsAre("http on 9"));
+  listServer();
+  EXPECT_THAT(saidTo(server), ElementsAre("1 fe010a https", "1 30001 http on 9"));
+  drainLog();
+  const std::string log = ::testing::internal::GetCapturedStdout();
+  ::testing::internal::CaptureStdout();
+  EXPECT_THAT(log, testing::HasSubstr("; the defaults serve and changes are refused, trying again\nrecords: they can"));
+  ask(tn::command::set, "{s1:'http',u2:10}");
+  beginAgain();
+  EXPECT_THAT(records(), ElementsAre("http on 10"));
+}
+
 TEST_F(ManagerTest, EndsWithAnswersUnderWay) {
   ask(tn::command::set, "{s1:'http',u2:8081}");
   listServer();
