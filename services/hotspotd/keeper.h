@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -12,7 +13,9 @@ class Keeper {
  public:
   explicit Keeper(std::string path) : file_(std::move(path)), state_(file_.load()) {}
 
-  [[nodiscard]] const State& state() const { return state_; }
+  // Whether there is a state; nothing else may be asked without one.
+  [[nodiscard]] bool isLoaded() const { return state_.has_value(); }
+  [[nodiscard]] const State& state() const { return *state_; }
 
   // Nothing when the change was made, else what failed; the state is then as it was.
   [[nodiscard]] Problem change(State next) {
@@ -23,7 +26,7 @@ class Keeper {
 
  private:
   StateFile file_;
-  State state_;
+  std::optional<State> state_;
 };
 
 }  // namespace hotspot

@@ -31,11 +31,15 @@ constexpr std::string_view codeLetters = "ABCDEFGHJKLMNPQRSTUVWXYZ23456789";
 constexpr std::size_t codeLength = 8;
 static_assert(codeLetters.size() == 32, "a byte picks each letter equally often");
 
+// Empty when there is nothing random: a code that can be guessed is none.
 std::string newCode() {
   std::array<unsigned char, codeLength> bytes{};
-  // So few bytes come whole, or not at all on a kernel that has no such call.
-  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) logSystemError("getrandom");
   std::string code;
+  // So few bytes come whole, or not at all.
+  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+    logSystemError("getrandom");
+    return code;
+  }
   for (const unsigned char byte : bytes)
     code.push_back(codeLetters[byte % codeLetters.size()]);
   return code;
@@ -131,13 +135,15 @@ State defaultState() {
   return {{"tarn hotspot", newCode(), 60}, {defaultRecord()}};
 }
 
-State StateFile::load() const {
-  const State defaults = defaultState();
+std::optional<State> StateFile::load() const {
   const std::optional<std::string> text = service::readFile(path_.c_str(), maxFileBytes);
   const bool missing = !text && errno == ENOENT;
+  bool damaged = !text && (errno == EISDIR || errno == EFBIG);
   if (!text && !missing) logSystemError(path_);
+  // What cannot be read now may be good.
+  if (!text && !missing && !damaged) return std::nullopt;
+  const State defaults = defaultState();
   Contents contents{{defaults.settings, {}}};
-  bool damaged = !text && !missing;
   std::string_view rest = text ? std::string_view(*text) : std::string_view();
   for (unsigned number = 1; !rest.empty(); ++number) {
     const std::string_view line = rest.substr(0, rest.find('\n'));
@@ -148,8 +154,12 @@ State StateFile::load() const {
       damaged = true;
     }
   }
+  if (contents.state.settings.code.empty()) return std::nullopt;
   if (!text) contents.state.servers = defaults.servers;
-  if (damaged) rename(path_.c_str(), (path_ + ".damaged").c_str());
+  if (damaged && rename(path_.c_str(), (path_ + ".damaged").c_str()) != 0) {
+    logSystemError(path_ + ".damaged");
+    return std::nullopt;
+  }
   if (damaged || !contents.anySettings) {
     if (const Problem problem = save(contents.state)) logLine(path_, ": ", *problem);
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,7 +41,8 @@ struct State {
   std::vector<tn::message> servers;  // records, by name
 };
 
-// What a machine that was never configured starts with; the code is a new one each time.
+// What a machine that was never configured starts with; the code is a new one each time, and
+// empty when the kernel gives nothing random.
 [[nodiscard]] State defaultState();
 
 // The state as a small text file (docs/hotspot.md). It is replaced as a whole, so that a machine that loses
@@ -51,7 +53,9 @@ class StateFile {
 
   // What the file holds; a part that it does not hold gets its default. Lines that cannot be taken are told in the log,
   // and the file is then moved to PATH.damaged. What was read is written back when it differs from what stood there.
-  [[nodiscard]] State load() const;
+  // Nothing, and the reason in the log, when the file is there but cannot be read now or cannot be moved, or when there
+  // is no code: it stands as it was.
+  [[nodiscard]] std::optional<State> load() const;
   // Nothing when the state is on the storage, else what failed.
   [[nodiscard]] Problem save(const State& state) const;
 

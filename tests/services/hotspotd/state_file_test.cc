@@ -43,7 +43,11 @@ class HotspotStateFileTest : public testing::Test {
     text << std::ifstream(file).rdbuf();
     return text.str();
   }
-  [[nodiscard]] State load() const { return StateFile(path).load(); }
+  [[nodiscard]] State load() const {
+    std::optional<State> state = StateFile(path).load();
+    EXPECT_TRUE(state.has_value());
+    return state ? std::move(*state) : State();
+  }
   [[nodiscard]] bool damagedIsKept() const { return std::filesystem::exists(path + ".damaged"); }
   static std::string log() {
     drainLog();
@@ -140,6 +144,27 @@ TEST_F(HotspotStateFileTest, AFileTooLargeIsSetAside) {
   EXPECT_EQ(load().servers.size(), 1U);
   EXPECT_TRUE(damagedIsKept());
   EXPECT_FALSE(load().settings.code.empty());
+}
+
+TEST_F(HotspotStateFileTest, ADirectoryInItsPlaceIsSetAside) {
+  std::filesystem::create_directory(path);
+  EXPECT_EQ(load().servers.size(), 1U);
+  EXPECT_TRUE(std::filesystem::is_directory(path + ".damaged"));
+}
+
+// It may be as good as ever when it can be read again.
+TEST_F(HotspotStateFileTest, AFileThatCannotBeReadStaysWhereItIs) {
+  std::filesystem::create_symlink(path, path);  // ELOOP, also for root
+  EXPECT_FALSE(StateFile(path).load().has_value());
+  EXPECT_TRUE(std::filesystem::is_symlink(path));
+  EXPECT_FALSE(damagedIsKept());
+}
+
+TEST_F(HotspotStateFileTest, ADamagedFileThatCannotBeSetAsideStaysAsItIs) {
+  write("nonsense\n");
+  std::filesystem::create_directory(path + ".damaged");
+  EXPECT_FALSE(StateFile(path).load().has_value());
+  EXPECT_EQ(read(path), "nonsense\n");
 }
 
 TEST_F(HotspotStateFileTest, BytesThatAreNoText) {
