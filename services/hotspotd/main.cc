@@ -1,6 +1,8 @@
 #include <csignal>
 
 #include "platform/bus/looper.h"
+#include "platform/log.h"
+#include "services/common/exit_status.h"
 #include "services/hotspotd/desk.h"
 #include "services/hotspotd/keeper.h"
 #include "services/hotspotd/portal.h"
@@ -21,6 +23,10 @@ int main() {
   tuning.id = busId;
   tn::Looper looper(tuning);
   hotspot::Keeper keeper(statePath);
+  if (!keeper.isLoaded()) {
+    drainLog();
+    return 1;
+  }
   hotspot::Servers servers(keeper, looper);
   hotspot::Desk desk(servers);
   hotspot::Portal portal(keeper, looper.runner().timers());
@@ -29,5 +35,5 @@ int main() {
   looper.addHandler(hotspot::Portal::id, portal);
   servers.start();
   looper.run();
-  return 0;
+  return service::exitStatus(looper);
 }

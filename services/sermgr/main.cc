@@ -1,6 +1,7 @@
 #include <csignal>
 
 #include "platform/bus/looper.h"
+#include "services/common/exit_status.h"
 #include "services/sermgr/manager.h"
 
 // The service manager: keeps the server records and gives them to the servers.
@@ -15,5 +16,5 @@ int main() {
   manager.start();
   looper.addHandler(sermgr::handlerId, manager);
   looper.run();
-  return 0;
+  return service::exitStatus(looper);
 }
