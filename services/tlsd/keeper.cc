@@ -19,8 +19,7 @@ Keeper::Keeper(PairStore store, std::string hostName, bool offload, tn::TimerQue
 void Keeper::start() {
   store_.recover();
   seen_ = store_.look();
-  const bool absent = !seen_[0] && !seen_[1];
-  if (absent) {
+  if (store_.isEmpty()) {
     if (const auto refusal = installOwn()) {
       logLine("certificate: ", refusal->text);
       trouble_ = refusal->text;
@@ -63,10 +62,17 @@ Keeper::Failure Keeper::reload() {
   return failure;
 }
 
+// As reload(); what was told before is not told at each look.
+void Keeper::tryAgain() {
+  const std::string before = trouble_;
+  const Failure failure = useFiles();
+  if (failure && *failure != before) logLine("certificate: ", *failure, "; the one in use stays");
+}
+
 // Files that were changed a moment ago may be changed again: a pair is copied in two steps.
 void Keeper::look() {
   const PairStore::Marks now = store_.look();
-  if (now != used_ && now == seen_) (void)reload();
+  if (now != used_ && now == seen_) tryAgain();
   seen_ = now;
   looks_.start(timers_, lookMs);
 }
@@ -87,10 +93,12 @@ bool Keeper::ownHasEnded() const {
   return now < facts_.notBefore || now > facts_.notAfter - renewSeconds;
 }
 
-// The marks are those of before the reading: what is written meanwhile is seen at the next look.
+// The marks are those of before the reading: what is written meanwhile is seen at the next look. So is what cannot be
+// read now.
 Keeper::Failure Keeper::useFiles() {
   used_ = seen_;
   const auto pair = store_.load();
+  if (!pair) used_ = {};
   Failure failure = pair ? use(*pair, Source::files) : Failure(pair.error());
   trouble_ = failure.value_or(std::string());
   if (!failure) warn();

@@ -60,6 +60,7 @@ class Keeper {
 
  private:
   void look();
+  void tryAgain();
   void care();
   Failure useFiles();
   void useTemporary();

@@ -25,9 +25,12 @@ std::string failed(const std::string& path) {
   return path + ": " + std::strerror(errno);
 }
 
-bool exists(const std::string& path) {
+enum class There : std::uint8_t { yes, no, unknown };
+
+There isThere(const std::string& path) {
   struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0;
+  if (::lstat(path.c_str(), &status) == 0) return There::yes;
+  return errno == ENOENT || errno == ENOTDIR ? There::no : There::unknown;
 }
 
 // Makes a folder and those above it, as far as they are missing.
@@ -79,7 +82,11 @@ std::optional<PairStore::Mark> markOf(const std::string& path) {
 }  // namespace
 
 void PairStore::recover() const {
-  if (exists(path(newCertificateName)) && !exists(path(newKeyName))) {
+  const There certificate = isThere(path(newCertificateName));
+  const There key = isThere(path(newKeyName));
+  // It may be half of a change that has to be carried through.
+  if (certificate == There::unknown || key == There::unknown) return;
+  if (certificate == There::yes && key == There::no) {
     (void)place(newCertificateName, certificateName);
     syncFolder();
     return;
@@ -90,6 +97,10 @@ void PairStore::recover() const {
 
 PairStore::Marks PairStore::look() const {
   return {markOf(path(certificateName)), markOf(path(keyName))};
+}
+
+bool PairStore::isEmpty() const {
+  return isThere(path(certificateName)) == There::no && isThere(path(keyName)) == There::no;
 }
 
 std::expected<PemPair, std::string> PairStore::load() const {

@@ -39,6 +39,8 @@ class PairStore {
   // Ends a change that was cut off; before the first load.
   void recover() const;
   [[nodiscard]] Marks look() const;
+  // Whether neither file is there. What cannot be looked at now may be.
+  [[nodiscard]] bool isEmpty() const;
   // Reads both files.
   [[nodiscard]] std::expected<PemPair, std::string> load() const;
   // Replaces both files, and makes the folder where it is missing. On success they are on the storage; after a failure

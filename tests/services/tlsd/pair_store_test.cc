@@ -115,6 +115,14 @@ TEST_F(PairStoreTest, ForgetsAChangeThatWasCutOffBefore) {
   }
 }
 
+TEST_F(PairStoreTest, IsNotEmptyWhereNothingCanBeSeen) {
+  EXPECT_TRUE(store_.isEmpty());
+  std::filesystem::create_directories(folder_ / "rw");
+  EXPECT_TRUE(store_.isEmpty());
+  std::filesystem::create_symlink(folder_ / "rw/tls", folder_ / "rw/tls");  // ELOOP, also for root
+  EXPECT_FALSE(store_.isEmpty());
+}
+
 TEST_F(PairStoreTest, RecoversNothingWhereThereIsNothing) {
   store_.recover();
   EXPECT_FALSE(has(""));
