@@ -45,6 +45,7 @@ class Calls:
     calls = frozenset()  # without which there is no course, whatever arrives together: each has to have failed
     limit = harness.PATIENCE  # how long an answer is waited for now
     impatience = IMPATIENCE  # and while a call fails
+    end_statuses = (0, 1)  # of a program that cannot start
 
     def every_fault(self):
         """Each piece of the course, with each of its calls failing at each of its uses, and then at all of them."""
@@ -162,11 +163,13 @@ class Calls:
                     ended += 1
                     self.system.programs.pop(name)
                     log = program.log_path.read_text()
-                    self.assertIn(program.wait(), (0, 1), log)
+                    self.assertIn(program.wait(), self.end_statuses, log)
                     self.assertRegex(log, os.strerror(getattr(errno, error)) + "|another broker serves")
                 else:
-                    self.recovered_from_start(name)
-                    self.end(name, may_be_cut_off=call in ("signalfd", "ioctl", "epoll_ctl"))
+                    try:
+                        self.recovered_from_start(name)
+                    finally:
+                        self.end(name, may_be_cut_off=call in ("signalfd", "ioctl", "epoll_ctl"))
                 program.log_path.unlink()
         self.assertGreater(ended, 0)
 

@@ -26,6 +26,7 @@ class ServiceCalls(test_calls.Calls):
                           '<server name="https" ssl="yes"><servlet type="dir" path="/" root="/home/web"/></server></www>'}
     web = {"a.txt": b"a"}
     others = ("busd",)
+    end_statuses = (1,)
 
     def setUp(self):
         super().setUp()
@@ -72,11 +73,32 @@ class ServiceCalls(test_calls.Calls):
         return True
 
     def recovered_from_start(self, _):
-        self.recovered()
+        for piece in self.course():
+            self.comes_back(piece, "the service to do what it is asked")
 
     def test_while_it_serves(self):
         self.begin()
         self.every_fault()
+
+    def test_at_its_start(self):
+        self.begin()
+        self.system.stop(self.name)
+        self.faults.forget_uses()
+        self.system.start(self.name)
+        self.system.bus_id(self.name)
+        self.system.stop(self.name)
+        kept = self.kept()
+        self.every_fault_at_the_start(self.name)
+        self.system.start(self.name)
+        self.recovered_from_start(self.name)
+        self.assertEqual(self.kept(), kept)
+
+    def kept(self):
+        """What is kept, without what is on its way: databases by their names, all else as it is. Nothing is set aside, and
+        nothing is made anew."""
+        store = self.system.path("/rw/store")
+        return {str(path.relative_to(store)): "a database" if path.suffix == ".db" else path.read_bytes()
+                for path in store.rglob("*") if path.is_file() and not path.name.endswith(("-journal", ".new"))}
 
 
 class ServiceManager(ServiceCalls, harness.SystemTest):
@@ -181,6 +203,16 @@ class Tls(ServiceCalls, harness.SystemTest):
                 connection = rawhttp.Connection(sock)
                 sock.settimeout(self.limit)
                 self.assertEqual(connection.get("/a.txt", "Connection: close").body, b"a")
+                self.shown = ssl.DER_cert_to_PEM_cert(sock.getpeercert(True))
+
+    def recovered_from_start(self, name):
+        """Another certificate than the one that is kept is for so long as that cannot be read."""
+        super().recovered_from_start(name)
+        kept = self.system.path("/rw/store/tls/certificate.pem").read_text()
+        def is_shown():
+            self.page()
+            return self.shown == kept
+        harness.wait_until(is_shown, "the certificate that is kept")
 
 
 class Hotspot(ServiceCalls, harness.SystemTest):
