@@ -24,8 +24,9 @@ LogKeeper::LogKeeper(tn::ThinRunner& runner, const std::vector<Program>& program
       errors_(errors),
       buffer_(readBytes),
       seats_(programs.size()) {
-  for (Seat& seat : seats_) {
-    seat.rest.setCallback([this, &seat] { runner_.changeSocket(seat.output.fd.get(), tn::readable); });
+  for (std::size_t i = 0; i < seats_.size(); ++i) {
+    for (const Stream stream : {Stream::output, Stream::errors})
+      pipeOf(i, stream).rest.setCallback([this, i, stream] { listen(i, stream); });
   }
 }
 
@@ -40,20 +41,31 @@ void LogKeeper::began(std::size_t program, UniqueFd output, UniqueFd errors) {
   Seat& seat = seats_[program];
   seat.output.fd = std::move(output);
   seat.errors.fd = std::move(errors);
-  watch(program, seat.output, &LogKeeper::onOutput);
-  watch(program, seat.errors, &LogKeeper::onErrors);
+  listen(program, Stream::output);
+  listen(program, Stream::errors);
 }
 
-void LogKeeper::watch(std::size_t program, Pipe& pipe, void (LogKeeper::*onEvent)(std::size_t program)) {
-  runner_.addSocket(pipe.fd.get(), tn::readable,
-                    [this, program, onEvent](int, unsigned) { (this->*onEvent)(program); });
+void LogKeeper::listen(std::size_t program, Stream stream) {
+  Pipe& pipe = pipeOf(program, stream);
+  if (pipe.watched ? !runner_.changeSocket(pipe.fd.get(), tn::readable) : !watch(program, stream)) {
+    pipe.rest.start(runner_.timers(), restMs);
+  }
+}
+
+bool LogKeeper::watch(std::size_t program, Stream stream) {
+  const auto onEvent = [this, program, stream](int, unsigned) {
+    return stream == Stream::output ? onOutput(program) : onErrors(program);
+  };
+  Pipe& pipe = pipeOf(program, stream);
+  pipe.watched = runner_.addSocket(pipe.fd.get(), tn::readable, onEvent);
+  return pipe.watched;
 }
 
 void LogKeeper::onOutput(std::size_t program) {
   if (take(program, Stream::output) != Got::all) return;
   Seat& seat = seats_[program];
   runner_.changeSocket(seat.output.fd.get(), 0);
-  seat.rest.start(runner_.timers(), restMs);
+  seat.output.rest.start(runner_.timers(), restMs);
 }
 
 void LogKeeper::onErrors(std::size_t program) {
@@ -64,8 +76,10 @@ void LogKeeper::onErrors(std::size_t program) {
 // What the program left behind may hold the other ends of its pipes, but has been killed.
 void LogKeeper::ended(std::size_t program) {
   for (const Stream stream : {Stream::output, Stream::errors}) {
+    const Pipe& pipe = pipeOf(program, stream);
+    if (pipe.fd && !pipe.watched) listen(program, stream);
     takeAll(program, stream);
-    if (pipeOf(program, stream).fd) close(program, stream);
+    if (pipe.fd) close(program, stream);
   }
 }
 
@@ -77,7 +91,7 @@ void LogKeeper::takeAll(std::size_t program, Stream stream) {
 // One read. All: the pipe is empty now; some: there may be more; end: it is closed.
 LogKeeper::Got LogKeeper::take(std::size_t program, Stream stream) {
   Pipe& pipe = pipeOf(program, stream);
-  if (!pipe.fd) return Got::end;
+  if (!pipe.fd || !pipe.watched) return Got::end;
   const ssize_t count = read(pipe.fd.get(), buffer_.data(), buffer_.size());
   if (count < 0 && errno == EINTR) return Got::some;
   if (count < 0 && errno == EAGAIN) return Got::all;
@@ -97,8 +111,9 @@ void LogKeeper::close(std::size_t program, Stream stream) {
   std::string passed;
   pipe.cutter.finish([&](const LineCutter::Piece& piece) { note(program, stream, piece, passed); });
   if (!passed.empty()) output_.write(passed);
-  if (stream == Stream::output) seats_[program].rest.cancel();
+  pipe.rest.cancel();
   runner_.removeSocket(pipe.fd.get());
+  pipe.watched = false;
   pipe.fd.reset();
 }
 

@@ -25,7 +25,8 @@ namespace tnrun {
 class LogKeeper : public Listener {
  public:
   // A pipe that was read empty is let be for so long, so that a program that writes line by line does not wake this one
-  // for each. Its pipe holds much more than is written meanwhile.
+  // for each. Its pipe holds much more than is written meanwhile. One that cannot be watched is tried again after as
+  // long.
   static constexpr std::uint32_t restMs = 20;
   static constexpr std::string_view ownName = "tnrun";
 
@@ -43,14 +44,16 @@ class LogKeeper : public Listener {
   struct Pipe {
     UniqueFd fd;  // none: it has ended
     LineCutter cutter;
+    bool watched = false;  // and so never waits to be read
+    tn::Timer rest;
   };
   struct Seat {
     Pipe output;
     Pipe errors;
-    tn::Timer rest;
   };
 
-  void watch(std::size_t program, Pipe& pipe, void (LogKeeper::*onEvent)(std::size_t program));
+  void listen(std::size_t program, Stream stream);
+  [[nodiscard]] bool watch(std::size_t program, Stream stream);
   void onOutput(std::size_t program);
   void onErrors(std::size_t program);
   Got take(std::size_t program, Stream stream);

@@ -71,7 +71,9 @@ UniqueFd takeSignals() {
 
 void reapChildren(tnrun::Supervisor& supervisor) {
   int status = 0;
-  for (pid_t pid = waitpid(-1, &status, WNOHANG); pid > 0; pid = waitpid(-1, &status, WNOHANG)) {
+  for (pid_t pid = waitpid(-1, &status, WNOHANG); pid != 0; pid = waitpid(-1, &status, WNOHANG)) {
+    if (pid < 0 && errno == EINTR) continue;
+    if (pid < 0) break;
     // Whatever the program had started is of its process group and goes with it.
     kill(-pid, SIGKILL);
     supervisor.onEnded(pid, status);
@@ -109,20 +111,27 @@ int supervise(const std::vector<tnrun::Program>& programs, std::size_t broker) {
   tnrun::LogKeeper keeper(looper.runner(), programs, journal, output, errors);
   tnrun::RealProcesses processes;
   tnrun::BusEnquiry enquiry(looper, programs, broker);
-  tnrun::Supervisor supervisor(programs, broker, looper.runner(), processes, enquiry, keeper,
-                               [&looper] { looper.quit(); });
+  bool stopped = false;
+  tnrun::Supervisor supervisor(programs, broker, looper.runner(), processes, enquiry, keeper, [&] {
+    stopped = true;
+    looper.quit();
+  });
   tnrun::ProgramHandler programHandler(programs, supervisor, enquiry);
   looper.addHandler(tnrun::ProgramHandler::busHandlerId, programHandler);
   tnrun::LogHandler logHandler(journal);
   looper.addHandler(tnrun::LogHandler::busHandlerId, logHandler);
-  looper.runner().addSocket(signals.get(), tn::readable,
-                            [&](int fd, unsigned) { onSignals(fd, supervisor, notifier); });
+  const auto onReadable = [&](int fd, unsigned) { onSignals(fd, supervisor, notifier); };
+  // Without it nobody would hear that a program has ended, or that all are to end.
+  if (!looper.runner().addSocket(signals.get(), tn::readable, onReadable)) {
+    logSystemError("signalfd");
+    return 1;
+  }
   supervisor.start();
   looper.run();
   looper.runner().removeSocket(signals.get());
   output.drain(drainMs);
   errors.drain(drainMs);
-  return 0;
+  return stopped ? 0 : 1;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "services/supervisor/notifier.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstdlib>
@@ -74,9 +75,8 @@ Notifier::Notifier(const Wishes& wishes, tn::TimerQueue& timers)
 }
 
 void Notifier::linked() {
-  if (!socket_ || std::exchange(ready_, true)) return;
-  tell("READY=1");
-  if (intervalMs_ != 0) beat();
+  if (!socket_ || std::exchange(linked_, true)) return;
+  beat();
 }
 
 void Notifier::stopping() {
@@ -84,13 +84,18 @@ void Notifier::stopping() {
 }
 
 void Notifier::beat() {
+  if (!ready_ && !tell("READY=1")) return timer_.start(timers_, retryMs);
+  ready_ = true;
+  if (intervalMs_ == 0) return;
   tell("WATCHDOG=1");
   timer_.start(timers_, intervalMs_);
 }
 
-void Notifier::tell(std::string_view state) {
-  if (!socket_) return;
-  if (send(socket_.get(), state.data(), state.size(), MSG_NOSIGNAL) < 0) logSystemError("notifying");
+// False: it is worth telling again.
+bool Notifier::tell(std::string_view state) {
+  if (!socket_ || send(socket_.get(), state.data(), state.size(), MSG_NOSIGNAL) >= 0) return true;
+  logSystemError("notifying");
+  return errno != EAGAIN && errno != EINTR && errno != ENOBUFS && errno != ENOMEM;
 }
 
 }  // namespace tnrun

@@ -17,6 +17,9 @@ namespace tnrun {
 // It is registered with the looper as a handler, because the first link to the broker is what makes the system ready.
 class Notifier : public tn::Handler {
  public:
+  // Until the word that the system is ready is tried again: whoever waits for it in vain ends the system.
+  static constexpr std::uint32_t retryMs = 1000;
+
   // The variables of the environment, as they stand there.
   struct Wishes {
     std::optional<std::string> socket;    // NOTIFY_SOCKET: a path, or a name without a file behind a "@"
@@ -40,11 +43,12 @@ class Notifier : public tn::Handler {
 
  private:
   void beat();
-  void tell(std::string_view state);
+  bool tell(std::string_view state);
 
   UniqueFd socket_;  // connected; none when nobody wants to know
   std::uint32_t intervalMs_ = 0;
-  bool ready_ = false;
+  bool linked_ = false;
+  bool ready_ = false;  // and told so
   tn::TimerQueue& timers_;
   tn::Timer timer_;
 };

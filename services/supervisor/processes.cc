@@ -43,24 +43,28 @@ std::expected<Pipes, int> makePipes() {
   return Pipes{std::move(*report), std::move(*output), std::move(*errors)};
 }
 
-// Between fork and exec: undoes what this program set for itself, and says nothing but what went wrong. `dup2` gives
-// the pipes in the place of standard output and error to the program; their other numbers end with it.
+// What a program cannot be let run without: else it would outlive this one, or write in its name. `dup2` gives the
+// pipes in the place of standard output and error to the program; their other numbers end with it.
+bool prepareProgram(const Pipes& pipes) {
+  return setpgid(0, 0) == 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 &&
+         dup2(pipes.output.writeEnd.get(), STDOUT_FILENO) >= 0 && dup2(pipes.errors.writeEnd.get(), STDERR_FILENO) >= 0;
+}
+
+// Between fork and exec: undoes what this program set for itself, and says nothing but what went wrong.
 [[noreturn]] void becomeProgram(const char* path, pid_t parent, const Pipes& pipes) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   ::signal(SIGPIPE, SIG_DFL);
   ::signal(SIGXFSZ, SIG_DFL);
-  setpgid(0, 0);
-  // The parent may have ended before this was set; nobody would end this process then.
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) _exit(1);
-  dup2(pipes.output.writeEnd.get(), STDOUT_FILENO);
-  dup2(pipes.errors.writeEnd.get(), STDERR_FILENO);
-  close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-
-  char* const arguments[] = {const_cast<char*>(path), nullptr};
-  execv(path, arguments);
+  if (prepareProgram(pipes)) {
+    // The parent may have ended before this was to end with it; nobody would end this process then.
+    if (getppid() != parent) _exit(1);
+    // What this program has opened itself is closed in any case.
+    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+    char* const arguments[] = {const_cast<char*>(path), nullptr};
+    execv(path, arguments);
+  }
   const int reason = errno;
   static_cast<void>(write(pipes.report.writeEnd.get(), &reason, sizeof reason));
   _exit(127);
@@ -87,7 +91,8 @@ std::expected<Started, int> RealProcesses::start(const std::string& path) {
   if (got != static_cast<ssize_t>(sizeof reason)) {
     return Started{pid, std::move(pipes->output.readEnd), std::move(pipes->errors.readEnd)};
   }
-  waitpid(pid, nullptr, 0);
+  while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
   return std::unexpected(reason);
 }
 

@@ -225,5 +225,33 @@ TEST_F(LogKeeperTest, NothingIsWatchedBeforeAProgramBegins) {
   EXPECT_THAT(kept(), IsEmpty());
 }
 
+// The kernel has no memory for it.
+TEST_F(LogKeeperTest, WhatCannotBeWatchedIsTriedAgain) {
+  runner.refuseAdds = true;
+  Ends ends = begin(www);
+  ends.output.write("a\n");
+  runner.advance(5 * LogKeeper::restMs);
+  runner.refuseAdds = false;
+  runner.advance(LogKeeper::restMs);
+  ready(ends.outputFd);
+  EXPECT_THAT(kept(), ElementsAre("www: a"));
+  runner.refuseChanges = true;
+  runner.advance(5 * LogKeeper::restMs);
+  runner.refuseChanges = false;
+  runner.advance(LogKeeper::restMs);
+  ends.output.write("b\n");
+  ready(ends.outputFd);
+  EXPECT_THAT(kept(), ElementsAre("www: a", "www: b"));
+}
+
+TEST_F(LogKeeperTest, LastWordsAreTakenThoughNothingCouldBeWatched) {
+  runner.refuseAdds = true;
+  Ends ends = begin(www);
+  ends.output.write("a\n");
+  runner.refuseAdds = false;
+  keeper.ended(www);
+  EXPECT_THAT(kept(), ElementsAre("www: a"));
+}
+
 }  // namespace
 }  // namespace tnrun

@@ -137,6 +137,24 @@ TEST(Notifier, AStarterThatWentAwayHarmsNobody) {
   notifier.stopping();
 }
 
+// Whoever has started the system waits for this one word.
+TEST(Notifier, ThatTheSystemIsReadyIsTriedAgain) {
+  Starter starter(ownName());
+  tn::fakes::FakeRunner runner;
+  Notifier notifier({ownName(), {}, {}}, runner.timers());
+  testing::internal::CaptureStderr();
+  // More than its queue holds.
+  for (int i = 0; i < 10'000; ++i)
+    notifier.stopping();
+  notifier.linked();
+  testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(starter.told().empty());
+  runner.advance(Notifier::retryMs);
+  EXPECT_EQ(starter.told(), Told{"READY=1"});
+  runner.advance(10 * Notifier::retryMs);
+  EXPECT_EQ(starter.told(), Told{});
+}
+
 TEST(Notifier, TheVariablesAreTaken) {
   setenv("NOTIFY_SOCKET", "/run/x", 1);
   setenv("WATCHDOG_USEC", "5", 1);
