@@ -12,13 +12,14 @@
 //       12     4  with which errno
 //       16     4  how many have failed
 //       20    20  the same of a second call, which waits until the first has failed
-//       40  4*64  uses of each call; that of call N is at 40 + 4*N
-//      512 16*64  names, NUL-terminated; that of call N is at 512 + 16*N
+//       40  4*80  uses of each call; that of call N is at 40 + 4*N
+//      512 16*80  names, NUL-terminated; that of call N is at 512 + 16*N
 //
-// Numbers are in the machine's byte order.
+// Numbers are in the machine's byte order. A child of the program shares the page until it becomes another program.
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -38,11 +39,12 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr std::uint32_t maxCalls = 64;
+constexpr std::uint32_t maxCalls = 80;
 constexpr std::size_t nameBytes = 16;
 
 struct Fault {
@@ -61,15 +63,16 @@ struct Page {
 };
 static_assert(sizeof(Page) == 512 + maxCalls * nameBytes);
 
-constexpr std::array<const char*, 60> calls = {
-    "",          "read",       "write",    "send",         "sendmsg",    "recvmsg",     "sendfile",      "accept4",
-    "epoll_ctl", "epoll_wait", "open",     "fstat",        "stat",       "lstat",       "mmap",          "socket",
-    "bind",      "listen",     "connect",  "setsockopt",   "getsockopt", "getsockname", "getpeername",   "fcntl",
-    "ioctl",     "poll",       "signalfd", "opendir",      "readdir",    "mkdir",       "unlink",        "chmod",
-    "flock",     "realpath",   "access",   "shutdown",     "getrlimit",  "setrlimit",   "epoll_create1", "recv",
-    "fsync",     "rename",     "pread",    "pwrite",       "fdatasync",  "ftruncate",   "getrandom",     "socketpair",
-    "eventfd",   "fdopendir",  "openat",   "mkdirat",      "renameat2",  "unlinkat",    "fstatat",       "statvfs",
-    "pipe2",     "fallocate",  "fchmod",   "inotify_init1"};
+constexpr std::array<const char*, 68> calls = {
+    "",          "read",       "write",    "send",          "sendmsg",    "recvmsg",     "sendfile",      "accept4",
+    "epoll_ctl", "epoll_wait", "open",     "fstat",         "stat",       "lstat",       "mmap",          "socket",
+    "bind",      "listen",     "connect",  "setsockopt",    "getsockopt", "getsockname", "getpeername",   "fcntl",
+    "ioctl",     "poll",       "signalfd", "opendir",       "readdir",    "mkdir",       "unlink",        "chmod",
+    "flock",     "realpath",   "access",   "shutdown",      "getrlimit",  "setrlimit",   "epoll_create1", "recv",
+    "fsync",     "rename",     "pread",    "pwrite",        "fdatasync",  "ftruncate",   "getrandom",     "socketpair",
+    "eventfd",   "fdopendir",  "openat",   "mkdirat",       "renameat2",  "unlinkat",    "fstatat",       "statvfs",
+    "pipe2",     "fallocate",  "fchmod",   "inotify_init1", "fork",       "execv",       "waitpid",       "kill",
+    "prctl",     "setpgid",    "dup2",     "close_range"};
 static_assert(calls.size() <= maxCalls);
 
 consteval std::uint32_t numberOf(std::string_view name) {
@@ -218,6 +221,13 @@ FAILING("fstatat", SYMBOL_FSTATAT, int, -1, (int folder, const char* path, struc
 FAILING("statvfs", statvfs64, int, -1, (const char* path, struct statvfs* status), (path, status))
 FAILING("pipe2", pipe2, int, -1, (int* ends, int flags), (ends, flags))
 FAILING("inotify_init1", inotify_init1, int, -1, (int flags), (flags))
+FAILING("fork", fork, pid_t, -1, (), ())
+FAILING("execv", execv, int, -1, (const char* path, char* const* arguments), (path, arguments))
+FAILING("waitpid", waitpid, pid_t, -1, (pid_t pid, int* status, int options), (pid, status, options))
+FAILING("kill", kill, int, -1, (pid_t pid, int number), (pid, number))
+FAILING("setpgid", setpgid, int, -1, (pid_t pid, pid_t group), (pid, group))
+FAILING("dup2", dup2, int, -1, (int fd, int number), (fd, number))
+FAILING("close_range", close_range, int, -1, (unsigned first, unsigned last, int flags), (first, last, flags))
 FAILING("getrlimit", getrlimit64, int, -1, (int resource, rlimit* limit), (resource, limit))
 FAILING("setrlimit", setrlimit64, int, -1, (int resource, const rlimit* limit), (resource, limit))
 
@@ -248,3 +258,4 @@ extern "C" int __wrap_openat64(int folder, const char* path, int flags, ...) {
 }
 FAILING_WITH_REST("fcntl", SYMBOL_FCNTL, int, int, long)
 FAILING_WITH_REST("ioctl", SYMBOL_IOCTL, int, unsigned long, void*)
+FAILING_WITH_REST("prctl", prctl, int, unsigned long, long)

@@ -8,7 +8,7 @@ import struct
 
 import harness
 
-CALL_COUNT = 64
+CALL_COUNT = 80
 USED_AT, NAMES_AT, NAME_BYTES = 40, 512, 16
 FAULT_BYTES = 20
 PAGE_BYTES = NAMES_AT + CALL_COUNT * NAME_BYTES
@@ -78,6 +78,14 @@ ERRORS = {
     "statvfs": ("EIO", "ENOMEM", "EACCES"),
     "pipe2": DESCRIPTORS,
     "inotify_init1": (*DESCRIPTORS, "ENOMEM"),
+    "fork": ("EAGAIN", "ENOMEM"),
+    "execv": ("ENOMEM", "EACCES", "EIO", "ETXTBSY"),
+    "waitpid": ("EINTR",),
+    "kill": ("EPERM",),
+    "prctl": ("EINVAL",),
+    "setpgid": ("EPERM",),
+    "dup2": ("EBUSY", "EINTR", "EMFILE"),
+    "close_range": ("ENOSYS", "ENOMEM"),
     "getrlimit": ("EPERM",),
     "setrlimit": ("EPERM",),
 }
