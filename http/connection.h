@@ -142,6 +142,7 @@ class Connection {
   tn::ThinRunner& runner_;
   std::list<Connection>::iterator self_;  // its place among all
   bool announced_ = false;                // the bytes just read begin a request, and were there at the runner's wait
+  bool newsHeard_ = false;                // and so had been all news before them
   std::uint32_t bodyRoom_ = 0;            // in ReadBody: what the buffer may grow to
 };
 

@@ -43,6 +43,7 @@ void Connection::onReadable() {
     setLength(firstRoom);
   }
   announced_ = fill_ == 0 && runner_.announced();
+  newsHeard_ = announced_ && runner_.newsHeard();
   std::size_t scanFrom = fill_;
   if (!readMore()) return;
   if (state_ == State::ReadBody) {
@@ -164,7 +165,7 @@ void Connection::dispatch() {
   const bool post = request_.method == Method::post;
   if (post && !request_.headers.getHeader("content-length", &bodyLength_)) bodyLength_ = unknownLength;
 
-  fileAnswers().beginRequest(runner_, announced_);
+  fileAnswers().beginRequest(runner_, announced_, newsHeard_);
   const Target target = splitTarget(request_.uri);
   request_.query.assign(target.query);
   const ServletChoice choice = chooseServlet(server_, target.path);

@@ -37,6 +37,13 @@ void FileAnswers::check() {
   checked_ = true;
   checkedAfter_ = runner_->waits();
   checkedAt_ = std::time(nullptr);
+  if (newsOf_ == nullptr) join();
+}
+
+void FileAnswers::join() {
+  if (!watch_.join(*runner_)) return;
+  newsOf_ = runner_;
+  newsAfter_ = runner_->waits();
 }
 
 // Of a folder nothing is told that could go stale unannounced.
@@ -81,6 +88,7 @@ void FileAnswers::clear() {
   ++drops_;
   byKey_.clear();
   entries_.clear();
+  if (newsOf_ != nullptr) watch_.leave(*std::exchange(newsOf_, nullptr));
   watch_.close();
   asked_ = {};
   checkedAfter_ = noWait;

@@ -62,11 +62,14 @@ class FileAnswers {
   void prepare() { (void)watch_.open(); }
 
   // For every request, after its last byte was read and before a servlet is asked about it: what is known will be
-  // checked before it is used. The runner drives the sweeps. `announced`: its first byte was there when the runner's
-  // last wait returned, or before, so that one check serves all such requests until the next wait.
-  void beginRequest(tn::ThinRunner& runner, bool announced) {
+  // checked before it is used. The runner drives the sweeps. `announced` and `newsHeard` are its words on the first
+  // byte of the request: with the first, one check serves all such requests until the next wait, and with the second
+  // none is needed.
+  void beginRequest(tn::ThinRunner& runner, bool announced, bool newsHeard) {
     runner_ = &runner;
-    checked_ = announced && checkedAfter_ == runner.waits();
+    checked_ = (announced && checkedAfter_ == runner.waits()) ||
+               (newsHeard && newsOf_ == &runner && newsAfter_ < runner.waits());
+    if (checked_) checkedAt_ = std::time(nullptr);
   }
   // The request is answered. Nothing is known or kept until the next one begins.
   void endRequest() { runner_ = nullptr; }
@@ -113,6 +116,7 @@ class FileAnswers {
   };
   static constexpr std::uint64_t noWait = UINT64_MAX;
   void check();
+  void join();
   [[nodiscard]] bool isWanted(const void* owner, std::string_view question);
   const FileAnswer* insert(std::unique_ptr<Entry> entry);
   [[nodiscard]] bool stillSame(Entry& entry) const;
@@ -131,6 +135,8 @@ class FileAnswers {
   std::time_t checkedAt_ = 0;            // the second of the last check
   std::uint64_t drops_ = 0;              // how often something was let go
   std::uint64_t checkedAfter_ = noWait;  // the wait after which the last check was made
+  tn::ThinRunner* newsOf_ = nullptr;     // the runner that tells of changes
+  std::uint64_t newsAfter_ = 0;          // the wait after which it began to
 };
 
 // Those of the process.

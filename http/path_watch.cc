@@ -135,6 +135,18 @@ void PathWatch::check() {
   }
 }
 
+bool PathWatch::join(tn::ThinRunner& runner) {
+  if (!changes_ || !runner.addNews(inotify_.get(), false, [this] { drain(); })) return false;
+  if (runner.addNews(mounts_.get(), true, [this] { forget(); })) return true;
+  runner.removeSocket(inotify_.get());
+  return false;
+}
+
+void PathWatch::leave(tn::ThinRunner& runner) {
+  runner.removeSocket(inotify_.get());
+  runner.removeSocket(mounts_.get());
+}
+
 void PathWatch::drain() {
   alignas(inotify_event) std::array<char, queueBytes> buffer;
   for (unsigned reads = 0; reads < queueReads; ++reads) {

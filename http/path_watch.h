@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/bus/files.h"
+#include "platform/bus/thin_runner.h"
 #include "platform/unique_fd.h"
 
 // Tells whether what the file system said before still holds, for one system call in a turn of the loop instead of one
@@ -21,7 +22,8 @@
 // that was not there is still missing. The kernel queues an event within the system call that makes the change. Whoever
 // has changed a file and then sends a request has therefore put the event into the queue before the first byte of the
 // request could be seen, and a queue that is empty after that is proof. Another file system that is put over a folder,
-// or is taken away, is announced by the table of mounts, which is looked at in the same call.
+// or is taken away, is announced by the table of mounts, which is looked at in the same call. A runner that knows news
+// (ThinRunner::addNews) looks at both along with its sockets, and then even that call is left out.
 //
 // What cannot be proved is not noted: a path with a symbolic link, with "." or ".." in it, through a folder that must
 // not be listed, or on a file system that is not known to announce all changes (those of a network or of user space,
@@ -75,7 +77,11 @@ class PathWatch {
   // Hears what has changed since the last call: facts that were touched do not hold any more. One system call when
   // nothing has.
   void check();
-  // Ends every watch and closes the descriptors; no facts hold any more.
+  // Has the runner tell of changes, so that after what it calls news nothing is left for check() to find. False: it
+  // does not, or nothing is open. Once for each open(); leave() ends it.
+  [[nodiscard]] bool join(tn::ThinRunner& runner);
+  void leave(tn::ThinRunner& runner);
+  // Ends every watch and closes the descriptors; no facts hold any more. No runner tells of changes any more.
   void close();
 
   // Begins to note down what `facts` are to rest on. They hold from now on, until something they rest on changes.

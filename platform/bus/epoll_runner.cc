@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <ctime>
 #include <sys/ioctl.h>
 #include <utility>
 
@@ -13,8 +15,11 @@ namespace {
 
 constexpr unsigned interestBits = readable | writable;
 
-std::uint32_t kernelMask(unsigned mask, bool cached) {
-  if (cached) return EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+std::uint32_t cachedMask(bool writes) {
+  return EPOLLIN | EPOLLRDHUP | EPOLLET | (writes ? std::uint32_t{EPOLLOUT} : 0U);
+}
+
+std::uint32_t levelMask(unsigned mask) {
   // Errors and hang-ups are announced unasked; to a socket that is not listened to once, lest each wait end at once.
   if ((mask & interestBits) == 0) return EPOLLET;
   return ((mask & readable) != 0 ? std::uint32_t{EPOLLIN} : 0U) |
@@ -39,6 +44,13 @@ std::uint8_t lastingBits(std::uint32_t events) {
 
 std::uint64_t eventTag(int fd, std::uint32_t generation) {
   return (std::uint64_t{generation} << 32) | static_cast<std::uint32_t>(fd);
+}
+
+// The time as of the kernel's last tick, for next to nothing: it is some milliseconds ago at most.
+Clock::time_point recently() {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
+  return Clock::time_point(std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec));
 }
 
 bool makeNonBlocking(int fd) {
@@ -75,6 +87,7 @@ bool EpollRunner::addSocket(int fd, unsigned mask, SocketCallback callback, Trig
     return false;
   }
   slot->callback = std::move(callback);
+  if ((slot->ready & slot->mask) != 0) enqueue(fd, *slot);
   return true;
 }
 
@@ -82,7 +95,7 @@ bool EpollRunner::addNonBlocking(int fd, unsigned mask, SocketCallback callback)
   Slot* slot = occupy(fd, mask, true);
   if (slot == nullptr) return false;
   slot->callback = std::move(callback);
-  slot->ready = interestBits;
+  slot->ready |= readable;
   unknown_.push_back({fd, slot->generation});
   if ((slot->ready & slot->mask) != 0) enqueue(fd, *slot);
   return true;
@@ -104,17 +117,23 @@ EpollRunner::Slot* EpollRunner::occupy(int fd, unsigned mask, bool cached) {
   ++slot.generation;
   slot.mask = static_cast<std::uint8_t>(mask & interestBits);
   slot.cached = cached;
+  slot.ready = cached ? writable : 0;
   slot.watched = true;
   slot.introduced = false;
   return &slot;
 }
 
+bool EpollRunner::tellKernel(int operation, int fd, const Slot& slot) {
+  epoll_event event{};
+  event.events = slot.cached ? cachedMask(slot.writes) : levelMask(slot.mask);
+  event.data.u64 = eventTag(fd, slot.generation);
+  return epoll_ctl(epoll_.get(), operation, fd, &event) == 0;
+}
+
 // Gives a socket to the kernel, which at once announces what it is ready for.
 bool EpollRunner::introduce(int fd, Slot& slot) {
-  epoll_event event{};
-  event.events = kernelMask(slot.mask, slot.cached);
-  event.data.u64 = eventTag(fd, slot.generation);
-  slot.introduced = epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+  slot.introduced = tellKernel(EPOLL_CTL_ADD, fd, slot);
+  slot.readAfter = roomyWaits_ - 1;  // what was read before did not put it on the list
   return slot.introduced;
 }
 
@@ -133,13 +152,11 @@ bool EpollRunner::changeSocket(int fd, unsigned mask) {
   Slot* slot = find(fd);
   if (slot == nullptr) return false;
   const auto wanted = static_cast<std::uint8_t>(mask & interestBits);
-  if (!slot->cached && wanted != slot->mask) {
-    epoll_event event{};
-    event.events = kernelMask(wanted, false);
-    event.data.u64 = eventTag(fd, slot->generation);
-    if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event) != 0) return false;
+  const std::uint8_t before = std::exchange(slot->mask, wanted);
+  if (!slot->cached && wanted != before && !tellKernel(EPOLL_CTL_MOD, fd, *slot)) {
+    slot->mask = before;
+    return false;
   }
-  slot->mask = wanted;
   if (slot->cached && (slot->ready & wanted) != 0 && fd != called_) enqueue(fd, *slot);
   return true;
 }
@@ -173,12 +190,31 @@ void EpollRunner::vacate(int fd, Slot& slot) {
   slot.watched = false;
   slot.queued = false;
   slot.announced = false;
+  slot.writes = false;
+  slot.news = false;
 }
 
 void EpollRunner::drained(int fd, unsigned bits) {
   Slot* slot = find(fd);
   if (slot == nullptr) return;
   slot->ready = static_cast<std::uint8_t>((slot->ready & ~bits) | slot->lasting);
+  if (!slot->cached || (bits & writable) == 0 || slot->writes) return;
+  slot->writes = true;
+  if (!slot->introduced || tellKernel(EPOLL_CTL_MOD, fd, *slot)) return;
+  slot->ready |= hangUp;
+  enqueue(fd, *slot);
+}
+
+bool EpollRunner::addNews(int fd, bool urgent, std::function<void()> hear) {
+  Slot* slot = occupy(fd, 0, false);
+  if (slot == nullptr) return false;
+  epoll_event event{};
+  event.events = urgent ? EPOLLPRI : EPOLLIN;
+  event.data.u64 = eventTag(fd, slot->generation);
+  slot->introduced = epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+  slot->watched = slot->news = slot->introduced;
+  if (slot->news) slot->callback = [hear = std::move(hear)](int, unsigned) { hear(); };
+  return slot->news;
 }
 
 void EpollRunner::enqueue(int fd, Slot& slot) {
@@ -191,7 +227,7 @@ bool EpollRunner::turn(bool mayWait) {
   introduceUnknown();
   int timeout = 0;
   if (mayWait && pending_.empty()) {
-    if (timers().nextDeadline()) timers().setNow(Clock::now());
+    timers().setNow(recently());
     timeout = timers().nextTimeout();
   }
   const int count = epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeout);
@@ -200,6 +236,8 @@ bool EpollRunner::turn(bool mayWait) {
   timers().setNow(Clock::now());
   for (int i = 0; i < count; ++i)
     note(events_[static_cast<std::size_t>(i)]);
+  roomy_ = count >= 0 && count < static_cast<int>(events_.size());
+  if (roomy_) ++roomyWaits_;
   const bool toldAll = kernelToldAll(count);
   if (callReady() && toldAll) timers().runExpired(timers().now());
   return true;
@@ -218,8 +256,15 @@ void EpollRunner::note(const epoll_event& event) {
   const Entry entry{static_cast<int>(event.data.u64 & 0xFFFFFFFF), static_cast<std::uint32_t>(event.data.u64 >> 32)};
   Slot* slot = find(entry);
   if (slot == nullptr) return;
+  if (slot->news) {
+    slot->callback(entry.fd, readable);
+    return;
+  }
   slot->ready |= readyBits(event.events);
-  if ((event.events & EPOLLIN) != 0) slot->announced = true;
+  if ((event.events & EPOLLIN) != 0) {
+    slot->fresh = slot->cached && !slot->writes && slot->readAfter != roomyWaits_;
+    slot->announced = true;
+  }
   if (slot->cached) slot->lasting |= lastingBits(event.events);
   if ((slot->ready & (slot->mask | hangUp)) != 0) enqueue(entry.fd, *slot);
 }
@@ -270,10 +315,13 @@ EpollRunner::Slot* EpollRunner::tell(const Entry& entry, Slot& slot, const Socke
   slot.ready &= static_cast<std::uint8_t>(slot.cached ? ~hangUp : 0U);
   if (told == 0) return &slot;
   const bool reads = (told & readable) != 0;
-  setAnnounced(reads && slot.announced);
-  if (reads) slot.announced = false;
+  if (reads) {
+    setAnnounced(slot.announced, slot.announced && slot.fresh && roomy_);
+    slot.announced = false;
+    slot.readAfter = roomyWaits_;
+  }
   callback(entry.fd, told | ((slot.lasting & writable) != 0 ? hangUp : 0U));
-  setAnnounced(false);
+  if (reads) setAnnounced(false, false);
   return find(entry);
 }
 

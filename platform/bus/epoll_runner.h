@@ -11,14 +11,22 @@ namespace tn {
 
 // The runner of real programs: epoll.
 //
-// Level sockets are registered with the mask that is asked for. Cached sockets are registered once, edge-triggered, for
-// everything; what the kernel announced is remembered in the slot until the callback says `drained`, and the mask only
-// selects what is told. So between two waits no system call is spent on interest, and a socket whose mask changes to
-// something it is ready for is called in the same turn.
+// Level sockets are registered with the mask that is asked for. Cached sockets are registered once, edge-triggered;
+// what the kernel announced is remembered in the slot until the callback says `drained`, and the mask only selects what
+// is told. So between two waits no system call is spent on interest, and a socket whose mask changes to something it is
+// ready for is called in the same turn. A cached socket is taken for writable until a write fails with EAGAIN; only
+// then is it registered for that, too, for good.
 //
 // A socket of addNonBlocking is given to the kernel only before the next wait, and taken for ready until it says
 // otherwise: the request of a connection that was just accepted is mostly there, and a connection that is answered and
 // closed in the same turn never costs a registration.
+//
+// News is heard before sockets are called, but has it been heard when bytes are told of? A wait takes the list of what
+// may be ready as it is, and then asks each for what it is ready for. So news that is missing in what a wait told came
+// after the list was taken, and bytes that were there by then came before it. A socket that is registered for reading
+// alone is on the list for bytes that came, which its callback may have read by then; the next wait that has room for
+// all takes it off again. So one that is told of bytes by a wait that had room for all, with another such wait since
+// its callback was last called to read, was on the list for these bytes, and newsHeard() is true.
 //
 // A slot has a generation, which every add and remove changes. It travels with the kernel's events and with the queue
 // of sockets to be called, so neither reaches a socket that got the same descriptor number later in the same turn.
@@ -38,6 +46,7 @@ class EpollRunner : public ThinRunner {
   bool removeSocket(int fd) override;
   bool forgetSocket(int fd) override;
   void drained(int fd, unsigned bits) override;
+  bool addNews(int fd, bool urgent, std::function<void()> hear) override;
 
   // Does not wait either while sockets are left over from the last turn. A signal ends the wait and is no failure.
   [[nodiscard]] bool turn(bool mayWait) override;
@@ -46,6 +55,7 @@ class EpollRunner : public ThinRunner {
   struct Slot {
     SocketCallback callback;
     std::uint32_t generation = 0;
+    std::uint32_t readAfter = 0;  // waits with room for all when it was last called to read
     std::uint8_t mask = 0;
     std::uint8_t ready = 0;
     std::uint8_t lasting = 0;  // bits that stay ready for the rest of the socket's life
@@ -54,6 +64,9 @@ class EpollRunner : public ThinRunner {
     bool queued : 1 = false;
     bool introduced : 1 = false;  // the kernel knows it
     bool announced : 1 = false;   // a wait told of bytes, and the socket was not called to read them yet
+    bool fresh : 1 = false;       // and it was on the list for these bytes
+    bool writes : 1 = false;      // cached, and registered for writing as well
+    bool news : 1 = false;
   };
   // A socket to be called, and which registration of its number is meant.
   struct Entry {
@@ -64,6 +77,7 @@ class EpollRunner : public ThinRunner {
   [[nodiscard]] Slot* find(int fd);
   [[nodiscard]] Slot* find(const Entry& entry);
   [[nodiscard]] Slot* occupy(int fd, unsigned mask, bool cached);
+  bool tellKernel(int operation, int fd, const Slot& slot);
   bool introduce(int fd, Slot& slot);
   void introduceUnknown();
   void vacate(int fd, Slot& slot);
@@ -82,7 +96,9 @@ class EpollRunner : public ThinRunner {
   std::vector<Entry> round_;    // those being called
   std::vector<Entry> unknown_;  // sockets that the kernel does not know yet
   std::vector<epoll_event> events_;
-  std::size_t told_ = 0;  // events since a wait ended with room left for more
+  std::size_t told_ = 0;          // events since a wait ended with room left for more
+  std::uint32_t roomyWaits_ = 0;  // waits with room for all; wraps around
+  bool roomy_ = false;            // whether the last one was
 };
 
 }  // namespace tn

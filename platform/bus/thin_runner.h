@@ -63,12 +63,20 @@ class ThinRunner {
   // For cached sockets: a read or write of this socket took less than it was offered, or failed with EAGAIN, so `bits`
   // have to be announced by the kernel again before the next call.
   virtual void drained(int fd, unsigned bits) = 0;
+  // Watches a descriptor for news that the other callbacks rely on: as soon as a wait has told of something to read, or
+  // with `urgent` of something exceptional alone (EPOLLPRI), `hear` is called, before any socket is. It takes in all
+  // that there is and does not come back to the runner. Ends with removeSocket. False: this runner knows no news, or
+  // the kernel refuses it.
+  virtual bool addNews(int /*fd*/, bool /*urgent*/, std::function<void()> /*hear*/) { return false; }
 
   // How often the runner has asked the kernel what is ready.
   [[nodiscard]] std::uint64_t waits() const { return waits_; }
   // Within a callback of a cached socket that is told to be readable: unread bytes, or the end, were there when the
   // last wait returned. So whatever their sender did before had been done by then. False: that is not known.
   [[nodiscard]] bool announced() const { return announced_; }
+  // As announced(), and all news that came before those bytes has been heard, if it was watched for before the last
+  // wait. False: that is not known.
+  [[nodiscard]] bool newsHeard() const { return newsHeard_; }
 
   // Arms a one-shot timer. The handle is never given twice.
   TimerHandle addTimer(std::uint32_t ms, TimerCallback callback) { return timers_.add(ms, std::move(callback)); }
@@ -84,11 +92,15 @@ class ThinRunner {
 
  protected:
   void countWait() { ++waits_; }
-  void setAnnounced(bool announced) { announced_ = announced; }
+  void setAnnounced(bool announced, bool newsHeard) {
+    announced_ = announced;
+    newsHeard_ = newsHeard;
+  }
 
  private:
   std::uint64_t waits_ = 0;
   bool announced_ = false;
+  bool newsHeard_ = false;
   TimerQueue timers_;
 };
 

@@ -225,6 +225,148 @@ TEST_F(EpollRunnerTest, NothingIsAnnouncedToASocketThatTheKernelDoesNotKnowYet) 
   EXPECT_EQ(announced, std::vector<bool>{false});
 }
 
+// Tells of each call whether all news before what was read had been heard.
+class NewsTest : public EpollRunnerTest {
+ protected:
+  void serve(EpollRunner& by, const Pair& pair) {
+    fcntl(pair.here.get(), F_SETFL, O_NONBLOCK);
+    EXPECT_TRUE(by.addNonBlocking(pair.here.get(), readable, [this, &by](int fd, unsigned) {
+      heard.push_back(by.newsHeard());
+      readSome(fd);
+      by.drained(fd, readable);
+    }));
+    turnOf(by);  // to be told of nothing: the socket is taken for ready before the kernel knows it
+    heard.clear();
+  }
+  static void turnOf(EpollRunner& by) { ASSERT_TRUE(by.turn(false)); }
+
+  std::vector<bool> heard;
+};
+
+TEST_F(NewsTest, IsHeardBeforeTheSocketsOfItsTurn) {
+  const Pair pair;
+  const Pair news;
+  std::string order;
+  ASSERT_TRUE(runner.addSocket(pair.here.get(), readable, [&](int fd, unsigned) { order += readSome(fd); }));
+  ASSERT_TRUE(runner.addNews(news.here.get(), false, [&] { order += readSome(news.here.get()); }));
+  EXPECT_FALSE(runner.addNews(news.here.get(), false, [] {}));
+  pair.feed("socket ");
+  news.feed("news ");
+  turn();
+  EXPECT_EQ(order, "news socket ");
+  EXPECT_TRUE(runner.removeSocket(news.here.get()));
+  news.feed("more");
+  turn();
+  EXPECT_EQ(order, "news socket ");
+}
+
+TEST_F(NewsTest, OfAFileThatIsAlwaysReadableIsWhatIsUrgentAlone) {
+  const UniqueFd mounts(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+  ASSERT_TRUE(mounts);
+  int news = 0;
+  ASSERT_TRUE(runner.addNews(mounts.get(), true, [&] { ++news; }));
+  turn();
+  EXPECT_EQ(news, 0);
+}
+
+TEST_F(NewsTest, IsHeardWhenBytesComeToASocketThatWasAtRestForAWait) {
+  const Pair pair;
+  serve(runner, pair);
+  turn();
+  pair.feed("x");
+  turn();
+  turn();
+  pair.feed("x");
+  turn();
+  EXPECT_EQ(heard, (std::vector<bool>{true, true}));
+}
+
+// The kernel may have listed the socket for what was read meanwhile, and so find later bytes while it goes through the
+// list.
+TEST_F(NewsTest, IsNotKnownToBeHeardAtTheFirstWaitAfterARead) {
+  const Pair pair;
+  serve(runner, pair);
+  turn();
+  pair.feed("x");
+  turn();
+  pair.feed("x");
+  turn();
+  EXPECT_EQ(heard, (std::vector<bool>{true, false}));
+}
+
+TEST_F(NewsTest, IsNotKnownToBeHeardByAWaitWithoutRoomForAll) {
+  const Pair first;
+  const Pair second;
+  EpollRunner narrow{2, 3};
+  serve(narrow, first);
+  serve(narrow, second);
+  turnOf(narrow);
+  first.feed("x");
+  second.feed("x");
+  turnOf(narrow);
+  EXPECT_EQ(heard, (std::vector<bool>{false, false}));
+  heard.clear();
+  turnOf(narrow);
+  first.feed("x");
+  turnOf(narrow);
+  EXPECT_EQ(heard, std::vector<bool>{true});
+}
+
+// Room that came free in its buffer lists it as well.
+TEST_F(NewsTest, IsNotKnownToBeHeardBySocketsThatWaitedToWrite) {
+  const Pair pair;
+  serve(runner, pair);
+  runner.drained(pair.here.get(), writable);
+  turn();
+  turn();
+  pair.feed("x");
+  turn();
+  EXPECT_EQ(heard, std::vector<bool>{false});
+}
+
+TEST_F(NewsTest, IsNotKnownToBeHeardWhenBytesCameAfterTheWait) {
+  const Pair pair;
+  const Pair other;
+  serve(runner, pair);
+  runner.addSocket(other.here.get(), readable, [&](int fd, unsigned) {
+    readSome(fd);
+    runner.changeSocket(pair.here.get(), readable);
+    pair.feed("x");
+  });
+  turn();
+  other.feed("x");
+  turn();
+  EXPECT_EQ(heard, std::vector<bool>{}) << "the kernel has told of nothing yet";
+  turn();
+  EXPECT_EQ(heard, std::vector<bool>{true});
+}
+
+TEST_F(EpollRunnerTest, ASocketThatWasFullIsToldWhenThereIsRoom) {
+  const Pair pair;
+  const std::string much(65536, 'x');
+  std::size_t written = 0;
+  bool full = false;
+  ASSERT_TRUE(runner.addSocket(
+      pair.here.get(), writable,
+      [&](int fd, unsigned events) {
+        told.push_back(events);
+        const ssize_t count = write(fd, much.data(), much.size());
+        full = count < 0;
+        if (full) runner.drained(fd, writable);
+        written += full ? 0 : static_cast<std::size_t>(count);
+      },
+      Trigger::cached));
+  while (!full)
+    turn();
+  told.clear();
+  turn();
+  EXPECT_EQ(told, nothing);
+  for (std::size_t got = 0; got < written;)
+    got += readSome(pair.there.get(), much.size()).size();
+  turn();
+  EXPECT_FALSE(told.empty());
+}
+
 TEST_F(EpollRunnerTest, InterestThatComesLaterMeetsRememberedReadiness) {
   const Pair pair;
   pair.feed("x");

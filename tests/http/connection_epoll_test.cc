@@ -185,6 +185,18 @@ TEST_F(ConnectionEpollTest, TakesABodyOfAnySize) {
   }
 }
 
+TEST_F(ConnectionEpollTest, ARequestSeesWhatChangedBeforeItCame) {
+  open();
+  for (std::size_t i = 1; i < 50; ++i) {
+    dir_.write("watched", std::string(i, 'x'));
+    for (int again = 0; again < 4; ++again) {
+      peer.send("GET /size HTTP/1.1\r\n\r\n");
+      turn(again);
+      EXPECT_EQ(receive(std::to_string(i).size()).body, std::to_string(i));
+    }
+  }
+}
+
 // One look at the changes serves all requests that were there when the turn began, and no other: here one comes, and is
 // read in the same turn, after the file has changed.
 TEST_F(ConnectionEpollTest, ARequestThatCameDuringTheTurnSeesWhatChangedInIt) {
