@@ -3,7 +3,7 @@
 #include <bit>
 #include <utility>
 
-#include "http/file_cache.h"
+#include "http/file_facts.h"
 
 namespace {
 
@@ -17,9 +17,12 @@ const FileAnswer* FileAnswers::find(const void* owner, std::string_view question
   if (runner_ == nullptr || entries_.empty()) return nullptr;
   if (!checked_) check();
   if (place.drops_ != drops_) {
-    const auto found = byKey_.find(Key{owner, question});
-    if (found == byKey_.end()) return nullptr;
-    place.entry_ = found->second->get();
+    place.entry_ = recent(owner, question);
+    if (place.entry_ == nullptr) {
+      const auto found = byKey_.find(Key{owner, question});
+      if (found == byKey_.end()) return nullptr;
+      place.entry_ = found->second->get();
+    }
     place.drops_ = drops_;
   }
   Entry& entry = *place.entry_;
@@ -28,8 +31,19 @@ const FileAnswer* FileAnswers::find(const void* owner, std::string_view question
     return nullptr;
   }
   entry.used_ = true;
-  if (entry.self_ != entries_.begin()) entries_.splice(entries_.begin(), entries_, entry.self_);
+  // A folder and a file in it are asked for in turn: they need not change places each time.
+  const auto front = entries_.begin();
+  if (entry.self_ != front && entry.self_ != std::next(front)) entries_.splice(front, entries_, entry.self_);
   return &entry.answer;
+}
+
+// One of the two that were used last, if it is the one.
+FileAnswers::Entry* FileAnswers::recent(const void* owner, std::string_view question) const {
+  int left = 2;
+  for (auto entry = entries_.begin(); left != 0 && entry != entries_.end(); ++entry, --left) {
+    if ((*entry)->owner_ == owner && (*entry)->question_ == question) return entry->get();
+  }
+  return nullptr;
 }
 
 void FileAnswers::check() {
@@ -80,12 +94,14 @@ const FileAnswer* FileAnswers::insert(std::unique_ptr<Entry> entry) {
 
 void FileAnswers::drop(Entries::iterator entry) {
   ++drops_;
+  forgetFile();
   byKey_.erase(Key{(*entry)->owner_, (*entry)->question_});
   entries_.erase(entry);
 }
 
 void FileAnswers::clear() {
   ++drops_;
+  forgetFile();
   byKey_.clear();
   entries_.clear();
   if (newsOf_ != nullptr) watch_.leave(*std::exchange(newsOf_, nullptr));

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unordered_map>
 
+#include "http/file_cache.h"
 #include "http/path_watch.h"
 #include "http/text_hash.h"
 #include "platform/bus/thin_runner.h"
@@ -18,8 +19,9 @@
 struct FileAnswer {
   std::string path;
   struct stat status {};
-  std::string_view contentType;  // lives for ever
-  bool compressed = false;       // the ".gz" variant in the place of the file itself
+  std::string_view contentType;      // lives for ever
+  bool compressed = false;           // the ".gz" variant in the place of the file itself
+  mutable FileCache::Place place{};  // of that path
 };
 
 // What servlets have found in the file system lately, kept as long as it is proved to hold (see PathWatch), so that a
@@ -117,6 +119,7 @@ class FileAnswers {
   static constexpr std::uint64_t noWait = UINT64_MAX;
   void check();
   void join();
+  [[nodiscard]] Entry* recent(const void* owner, std::string_view question) const;
   [[nodiscard]] bool isWanted(const void* owner, std::string_view question);
   const FileAnswer* insert(std::unique_ptr<Entry> entry);
   [[nodiscard]] bool stillSame(Entry& entry) const;

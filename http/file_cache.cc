@@ -39,16 +39,22 @@ std::string_view CachedFile::mapped() const {
   return {static_cast<const char*>(bytes_), static_cast<std::size_t>(status_.st_size)};
 }
 
-std::shared_ptr<const CachedFile> FileCache::find(std::string_view path, const struct stat& status) {
-  const auto found = byPath_.find(path);
-  if (found == byPath_.end()) return nullptr;
-  const Files::iterator entry = found->second;
+std::shared_ptr<const CachedFile> FileCache::find(std::string_view path, const struct stat& status, Place* place) {
+  Place any;
+  if (place == nullptr) place = &any;
+  if (place->drops_ != drops_) {
+    const auto found = byPath_.find(path);
+    if (found == byPath_.end()) return nullptr;
+    place->entry_ = found->second;
+    place->drops_ = drops_;
+  }
+  const Files::iterator entry = place->entry_;
   if (!entry->file->is(status)) {
     drop(entry);
     return nullptr;
   }
   entry->used = true;
-  files_.splice(files_.begin(), files_, entry);
+  if (entry != files_.begin()) files_.splice(files_.begin(), files_, entry);
   return entry->file;
 }
 
@@ -80,6 +86,7 @@ void FileCache::clear() {
 }
 
 void FileCache::drop(Files::iterator entry) {
+  ++drops_;
   totalBytes_ -= entry->file->mapped().size();
   byPath_.erase(entry->path);
   files_.erase(entry);

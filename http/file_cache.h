@@ -67,9 +67,26 @@ class FileCache {
   static constexpr std::size_t maxFiles = 256;
   static constexpr std::uint32_t sweepMs = 10000;  // what is unused between two sweeps is let go
 
+ private:
+  struct Entry {
+    std::string path;
+    std::shared_ptr<const CachedFile> file;
+    bool used = true;  // since the last sweep
+  };
+  using Files = std::list<Entry>;
+
+ public:
+  // Where a file was found last; it is there still as long as none has been let go.
+  class Place {
+    friend class FileCache;
+    Files::iterator entry_;
+    std::uint64_t drops_ = UINT64_MAX;
+  };
+
   // The file of that path when `status`, which must be of this moment, says that it is the one held. Null: none is
-  // held, or it was another one, which is let go.
-  [[nodiscard]] std::shared_ptr<const CachedFile> find(std::string_view path, const struct stat& status);
+  // held, or it was another one, which is let go. `place` is for that path alone; null is none.
+  [[nodiscard]] std::shared_ptr<const CachedFile> find(std::string_view path, const struct stat& status,
+                                                       Place* place = nullptr);
 
   // Takes an open file; `status` is fstat's word on it. Null, and `fd` is left alone: it is no regular file, or by its
   // own word empty. The runner drives the sweeps.
@@ -83,13 +100,6 @@ class FileCache {
   [[nodiscard]] std::size_t totalBytes() const { return totalBytes_; }  // mapped
 
  private:
-  struct Entry {
-    std::string path;
-    std::shared_ptr<const CachedFile> file;
-    bool used = true;  // since the last sweep
-  };
-  using Files = std::list<Entry>;
-
   void drop(Files::iterator entry);
   void makeRoom(std::size_t bytes);
   void armSweep(tn::ThinRunner& runner);
@@ -101,6 +111,7 @@ class FileCache {
   };
   std::unordered_map<std::string_view, Files::iterator, PathHash> byPath_;
   std::size_t totalBytes_ = 0;
+  std::uint64_t drops_ = 0;  // how often one was let go
   tn::ThinRunner* runner_ = nullptr;
   tn::ThinRunner::TimerHandle sweepTimer_ = 0;
 };

@@ -79,7 +79,7 @@ class Writer {
     const struct stat* known = response_.deleteFile ? nullptr : rememberedFile(response_.file);
     if (known != nullptr) {
       if (!S_ISREG(known->st_mode)) return false;
-      out_.cached = fileCache().find(response_.file, *known);
+      out_.cached = fileCache().find(response_.file, *known, rememberedPlace());
       if (out_.cached) {
         status_ = &out_.cached->status();
         return true;

@@ -79,7 +79,10 @@ bool DirServlet::isDirectory() {
 void DirServlet::doGet(Request& request, Response& response) {
   const std::optional<bool> directory = std::exchange(knownDirectory_, std::nullopt);
   const std::string& wanted = request.pathInfoSet ? request.pathInfo : request.uri;
-  if (const FileAnswer* known = fileAnswers().find(this, wanted)) return answer(*known, request, response);
+  if (const FileAnswer* known = fileAnswers().find(this, wanted)) {
+    answerKept(*known, request, response);
+    return;
+  }
   if (!isPlainPath(wanted)) {
     response.sendError(404, "");
     return;
@@ -87,14 +90,23 @@ void DirServlet::doGet(Request& request, Response& response) {
   const auto lookAnew = [&](tn::FileView& view, FileAnswer& found) {
     return look(wanted, rootIsDirectory(view), view, found) == 0;
   };
-  if (const FileAnswer* kept = fileAnswers().keep(this, wanted, lookAnew)) return answer(*kept, request, response);
+  if (const FileAnswer* kept = fileAnswers().keep(this, wanted, lookAnew)) {
+    answerKept(*kept, request, response);
+    return;
+  }
   tn::FileView view;
   FileAnswer found;
   if (const int error = look(wanted, directory ? *directory : isDirectory(), view, found); error != 0) {
     response.sendError(error, "");
   } else {
+    rememberFile(found.path, found.status);
     answer(found, request, response);
   }
+}
+
+void DirServlet::answerKept(const FileAnswer& kept, const Request& request, Response& response) const {
+  rememberFile(kept);
+  answer(kept, request, response);
 }
 
 int DirServlet::look(std::string_view wanted, bool directory, tn::FileView& view, FileAnswer& answer) const {
@@ -124,7 +136,6 @@ void DirServlet::answer(const FileAnswer& found, const Request& request, Respons
     }
     response.headers.addHeader("Content-Encoding", "gzip", false);
   }
-  rememberFile(found.path, found.status);
   response.sendFile(found.path, found.contentType, false);
   response.cacheable = cacheable_;
 }

@@ -24,6 +24,7 @@ class DirServlet : public Servlet {
   // The file for a path below the servlet; 0, or the status of the error that answers it.
   [[nodiscard]] int look(std::string_view wanted, bool directory, tn::FileView& view, FileAnswer& answer) const;
   void answer(const FileAnswer& found, const Request& request, Response& response) const;
+  void answerKept(const FileAnswer& kept, const Request& request, Response& response) const;
 
   std::string root_;
   bool isPublic_;

@@ -142,12 +142,13 @@ bool Headers::parseHeaderLine(std::string_view line) {
   if (colon == 0 || colon == line.size() || line[colon] != ':') return false;
   const std::string_view name = line.substr(0, colon);
   const std::string_view value = ascii::trimBlanks(line.substr(colon + 1));
-  if (!valueChars.hasAll(value)) return false;
 
   // Bodies have a length or end with the connection; two ideas of where one ends are how requests are smuggled.
   if (ascii::equalsIgnoreCase(name, "transfer-encoding")) return false;
   if (ascii::equalsIgnoreCase(name, "content-length")) return takeContentLength(name, value);
-  if (ascii::equalsIgnoreCase(name, "host") && (hasHeader(name) || !(value.empty() || isAuthority(value)))) {
+  if (ascii::equalsIgnoreCase(name, "host")) {
+    if (hasHeader(name) || !(value.empty() || isAuthority(value))) return false;
+  } else if (!valueChars.hasAll(value)) {
     return false;
   }
   const std::size_t earlier = find(name, 0, searchedFields);
