@@ -28,6 +28,9 @@ class SupervisorCalls(harness.SystemTest):
         self.faults = faultbox.Faults(self.system, "tnrun")
 
     def start(self):
+        # One that a failed check left behind.
+        if "tnrun" in self.system.programs:
+            self.system.kill("tnrun")
         self.system.programs["tnrun"] = program = harness.Program(self.system, "tnrun")
         return program
 
