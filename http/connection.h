@@ -114,6 +114,7 @@ class Connection {
   // connection_write.cc: the response
   void writeResponse();
   void onWritable();
+  [[nodiscard]] std::string_view wholeResponse() const;
   [[nodiscard]] bool writeHead();
   [[nodiscard]] bool writeFile();
   void onWriteFailed();

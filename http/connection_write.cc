@@ -73,13 +73,27 @@ void Connection::onWritable() {
   onWritten();
 }
 
+// Head and file as one piece, when they are all of the response and have been made for it.
+std::string_view Connection::wholeResponse() const {
+  if (out_.tried || out_.cachedHead == 0 || out_.cachedHead != out_.cached->heads()) return {};
+  return out_.cached->whole();
+}
+
 // True: head and text have left. Neither here nor below does a count short of what was offered tell that the socket is
 // full (a signal or a file cut short end the call early as well): only the failure that does is told the runner.
 bool Connection::writeHead() {
-  HeadPieces pieces(work_->buffer, out_);
+  std::size_t offered = 0;
+  ssize_t count = 0;
+  if (const std::string_view whole = wholeResponse(); !whole.empty()) {
+    offered = whole.size();
+    count = send(socket_.get(), whole.data(), whole.size(), 0);
+  } else {
+    HeadPieces pieces(work_->buffer, out_);
+    offered = pieces.size();
+    // With a file to follow, the kernel keeps the head back, so that both share their segments.
+    count = sendmsg(socket_.get(), pieces.message(), pieces.fileFollows() ? MSG_MORE : 0);
+  }
   out_.tried = true;
-  // With a file to follow, the kernel keeps the head back, so that both share their segments.
-  const ssize_t count = sendmsg(socket_.get(), pieces.message(), pieces.fileFollows() ? MSG_MORE : 0);
   if (count < 0) {
     onWriteFailed();
     return false;
@@ -90,7 +104,7 @@ bool Connection::writeHead() {
   out_.sent += ofHead;
   out_.fileOffset += static_cast<off_t>(written - ofHead);
   out_.fileRemaining -= static_cast<std::uint32_t>(written - ofHead);
-  return written == pieces.size();
+  return written == offered;
 }
 
 // True: the file has left.

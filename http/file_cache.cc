@@ -1,6 +1,8 @@
 #include "http/file_cache.h"
 
+#include <algorithm>
 #include <sys/mman.h>
+#include <unistd.h>
 #include <utility>
 
 #include "platform/web/functions.h"
@@ -11,11 +13,9 @@ bool sameTime(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// Null: the file is too large to be worth it, or its file system cannot map it.
-void* mapSmall(int fd, off_t size) {
-  if (static_cast<std::uint64_t>(size) > FileCache::maxMappedBytes) return nullptr;
-  void* bytes = mmap(nullptr, static_cast<std::size_t>(size), PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
-  return bytes == MAP_FAILED ? nullptr : bytes;
+std::size_t pageBytes() {
+  static const auto bytes = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  return bytes;
 }
 
 FileCache cache;
@@ -27,16 +27,42 @@ bool isSameFile(const struct stat& a, const struct stat& b) {
          sameTime(a.st_mtim, b.st_mtim) && sameTime(a.st_ctim, b.st_ctim);
 }
 
-CachedFile::CachedFile(UniqueFd fd, const struct stat& status, void* bytes)
-    : fd_(std::move(fd)), status_(status), bytes_(bytes), lastModified_(httpDate(status.st_mtim.tv_sec)) {}
-
-CachedFile::~CachedFile() {
-  if (bytes_ != nullptr) munmap(bytes_, mapped().size());
+FileMapping::FileMapping(int fd, off_t size) {
+  if (static_cast<std::uint64_t>(size) > FileCache::maxMappedBytes) return;
+  const auto length = static_cast<std::size_t>(size);
+  const std::size_t all = pageBytes() + length;
+  void* const room = mmap(nullptr, all, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (room == MAP_FAILED) return;
+  char* const at = static_cast<char*>(room) + pageBytes();
+  if (mmap(at, length, PROT_READ, MAP_SHARED | MAP_POPULATE | MAP_FIXED, fd, 0) == MAP_FAILED) {
+    munmap(room, all);
+    return;
+  }
+  room_ = static_cast<char*>(room);
+  file_ = {at, length};
 }
 
-std::string_view CachedFile::mapped() const {
-  if (bytes_ == nullptr) return {};
-  return {static_cast<const char*>(bytes_), static_cast<std::size_t>(status_.st_size)};
+FileMapping::~FileMapping() {
+  if (room_ != nullptr) munmap(room_, pageBytes() + file_.size());
+}
+
+std::string_view FileMapping::withHead(std::string_view head) {
+  if (room_ == nullptr || head.size() > pageBytes()) return {};
+  char* const begin = room_ + pageBytes() - head.size();
+  std::copy(head.begin(), head.end(), begin);
+  return {begin, head.size() + file_.size()};
+}
+
+CachedFile::CachedFile(UniqueFd fd, const struct stat& status)
+    : fd_(std::move(fd)),
+      status_(status),
+      mapping_(fd_.get(), status.st_size),
+      lastModified_(httpDate(status.st_mtim.tv_sec)) {}
+
+void CachedFile::keepHead(FileHead head) const {
+  lastHead_ = std::move(head);
+  whole_ = mapping_.withHead(lastHead_.text);
+  ++heads_;
 }
 
 std::shared_ptr<const CachedFile> FileCache::find(std::string_view path, const struct stat& status, Place* place) {
@@ -62,8 +88,7 @@ std::shared_ptr<const CachedFile> FileCache::insert(tn::ThinRunner& runner, std:
                                                     const struct stat& status) {
   if (!S_ISREG(status.st_mode) || status.st_size <= 0) return nullptr;
   if (const auto old = byPath_.find(path); old != byPath_.end()) drop(old->second);
-  void* bytes = mapSmall(fd.get(), status.st_size);
-  auto file = std::make_shared<const CachedFile>(std::move(fd), status, bytes);
+  auto file = std::make_shared<const CachedFile>(std::move(fd), status);
   makeRoom(file->mapped().size());
   totalBytes_ += file->mapped().size();
   files_.push_front({std::string(path), std::move(file)});

@@ -42,7 +42,8 @@ class Writer {
     set("Connection", out_.keepAlive ? "Keep-Alive" : "close");
     response_.printHeading(head);
     if (repeatable()) {
-      out_.cached->lastHead() = {ownFields, now_, response_.cacheable, out_.keepAlive, head};
+      out_.cached->keepHead({ownFields, now_, response_.cacheable, out_.keepAlive, head});
+      out_.cachedHead = out_.cached->heads();
     }
   }
 
@@ -68,6 +69,7 @@ class Writer {
     }
     out_.fileRemaining = static_cast<std::uint32_t>(out_.cached->status().st_size);
     out_.keepAlive = last.keepAlive;
+    out_.cachedHead = out_.cached->heads();
     head.append(last.text);
     return true;
   }

@@ -253,6 +253,26 @@ TEST_F(ConnectionWriteTest, AMappedFileCutShortBeforeTheFirstWriteEndsTheConnect
   EXPECT_EQ(takeErrors(), "write: Bad address\n");
 }
 
+// The cache holds one head of a file; the response that was made with it may leave when that is another's.
+TEST_F(ConnectionWriteTest, AResponseThatWaitsKeepsItsHeadWhenTheFileIsSentWithAnother) {
+  way = Way::cached;
+  dir.write("file", "contents");
+  open();
+  peer.send(get);
+  EXPECT_TRUE(runner.ready(fd, tn::readable));
+  ASSERT_EQ(connection->state(), State::Writing);
+  const int first = fd;
+  Peer waiting = std::move(peer);
+  open();
+  const Answer other = exchange("GET / HTTP/1.0\r\n\r\n");
+  EXPECT_EQ(other.field("connection"), "close");
+  EXPECT_EQ(other.body, "contents");
+  EXPECT_TRUE(runner.ready(first, tn::writable));
+  const Answer answer = parseAnswer(waiting.receive());
+  EXPECT_EQ(answer.field("connection"), "Keep-Alive");
+  EXPECT_EQ(answer.body, "contents");
+}
+
 // The rest of a page behind the end of its file reads as zeros: they are not the file's.
 TEST_F(ConnectionWriteTest, NothingIsSentBehindTheEndOfAFileThatWasCutShortWhileItWaited) {
   captureErrors();

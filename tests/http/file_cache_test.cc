@@ -128,6 +128,26 @@ TEST_F(FileCacheTest, MapsSmallFilesAlone) {
   EXPECT_EQ(cache.totalBytes(), FileCache::maxMappedBytes);
 }
 
+TEST_F(FileCacheTest, PutsAHeadRightBeforeAMappedFile) {
+  const std::string path = dir.write("file", "contents");
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  FileMapping mapping(UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC)).get(), 8);
+  EXPECT_EQ(mapping.file(), "contents");
+  EXPECT_EQ(mapping.withHead("head "), "head contents");
+  EXPECT_EQ(mapping.withHead("longer head "), "longer head contents");
+  EXPECT_EQ(mapping.withHead(""), "contents");
+  EXPECT_EQ(mapping.withHead(std::string(page, 'h')), std::string(page, 'h') + "contents");
+  EXPECT_EQ(mapping.withHead(std::string(page + 1, 'h')), "");
+  EXPECT_EQ(mapping.file(), "contents");
+}
+
+TEST_F(FileCacheTest, PutsNoHeadBeforeWhatIsNotMapped) {
+  const std::string path = dir.write("file", std::string(FileCache::maxMappedBytes + 1, 'x'));
+  FileMapping mapping(UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC)).get(), FileCache::maxMappedBytes + 1);
+  EXPECT_EQ(mapping.file(), "");
+  EXPECT_EQ(mapping.withHead("head"), "");
+}
+
 TEST_F(FileCacheTest, HoldsAFileThatItsFileSystemWillNotMap) {
   const std::string path = "/sys/kernel/mm/transparent_hugepage/enabled";  // 4096 bytes by its own word
   if (access(path.c_str(), R_OK) != 0) return;
