@@ -252,6 +252,7 @@ void Switchboard::keep(Message arrived) {
 
 // Those that are kept now; what comes meanwhile is left for the next turn.
 void Switchboard::dispatchKept() {
+  if (kept_.empty()) return;
   for (std::size_t count = kept_.size(); count > 0; --count) {
     Message next = std::move(kept_.front());
     kept_.pop_front();

@@ -53,6 +53,7 @@ void Timer::start(TimerQueue& queue, std::uint32_t ms) {
   const bool sameLane = lane != nullptr && &lane->queue == &queue && lane->ms == ms && lane != queue.expired_.get();
   if (!sameLane) lane = &queue.lane(ms);
   deadline_ = deadline;
+  queue.noneBefore_ = std::min(queue.noneBefore_, deadline);
   lane->append(*this);
 }
 
@@ -135,6 +136,7 @@ int TimerQueue::nextTimeout() const {
 
 void TimerQueue::runExpired(Clock::time_point now) {
   setNow(now);
+  if (now_ < noneBefore_) return;
   for (Timer::Lane* lane = earliestLane(); lane != nullptr && lane->head->deadline_ <= now_; lane = earliestLane()) {
     Timer& timer = *lane->head;
     lane->unlink(timer);
@@ -145,6 +147,7 @@ void TimerQueue::runExpired(Clock::time_point now) {
     expired_->unlink(timer);
     timer.expire();
   }
+  noneBefore_ = nextDeadline().value_or(Clock::time_point::max());
 }
 
 Timer::Lane& TimerQueue::lane(std::uint32_t ms) {

@@ -63,6 +63,8 @@ class TimerQueue {
   void runOwned(Handle handle);
 
   Clock::time_point now_;
+  // No timer expires before this: kept with every timer armed, and looked up when it has passed.
+  Clock::time_point noneBefore_ = Clock::time_point::max();
   std::vector<std::unique_ptr<Timer::Lane>> lanes_;  // by duration, shortest first
   std::unique_ptr<Timer::Lane> expired_;             // taken from the lanes by runExpired, not run yet
   std::unordered_map<Handle, std::unique_ptr<Owned>> owned_;

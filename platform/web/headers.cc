@@ -13,6 +13,8 @@ namespace {
 constexpr std::size_t firstBytes = 256;
 constexpr std::size_t firstFields = 8;
 
+constexpr std::size_t longestKeptHost = 255;
+
 constexpr std::string_view separator = ": ";
 constexpr std::string_view lineEnd = "\r\n";
 constexpr std::string_view joint = ", ";
@@ -22,6 +24,15 @@ constexpr unsigned unknownLength = 0xFFFFFFFF;
 
 // Field content (RFC 9110, 5.5): visible characters, blanks, and the bytes above US-ASCII that old clients send.
 constexpr ascii::CharSet valueChars{[](char c) { return !ascii::isControl(c) || c == '\t'; }};
+
+// Nearly all requests name the same host: the last one that was found to be good need not be looked at again.
+bool isHost(std::string_view text) {
+  static std::string last;
+  if (text == last) return true;
+  if (!isAuthority(text)) return false;
+  if (text.size() <= longestKeptHost) last.assign(text);
+  return true;
+}
 
 }  // namespace
 
@@ -147,10 +158,11 @@ bool Headers::parseHeaderLine(std::string_view line) {
   if (ascii::equalsIgnoreCase(name, "transfer-encoding")) return false;
   if (ascii::equalsIgnoreCase(name, "content-length")) return takeContentLength(name, value);
   if (ascii::equalsIgnoreCase(name, "host")) {
-    if (hasHeader(name) || !(value.empty() || isAuthority(value))) return false;
-  } else if (!valueChars.hasAll(value)) {
-    return false;
+    if (hasHeader(name) || !(value.empty() || isHost(value))) return false;
+    add(name, value);
+    return true;
   }
+  if (!valueChars.hasAll(value)) return false;
   const std::size_t earlier = find(name, 0, searchedFields);
   if (earlier < size()) {
     join(earlier, value);
