@@ -205,7 +205,7 @@ void EpollRunner::drained(int fd, unsigned bits) {
   enqueue(fd, *slot);
 }
 
-bool EpollRunner::addNews(int fd, bool urgent, std::function<void()> hear) {
+bool EpollRunner::addNews(int fd, bool urgent, const std::function<void()>& hear) {
   Slot* slot = occupy(fd, 0, false);
   if (slot == nullptr) return false;
   epoll_event event{};
@@ -213,7 +213,7 @@ bool EpollRunner::addNews(int fd, bool urgent, std::function<void()> hear) {
   event.data.u64 = eventTag(fd, slot->generation);
   slot->introduced = epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
   slot->watched = slot->news = slot->introduced;
-  if (slot->news) slot->callback = [hear = std::move(hear)](int, unsigned) { hear(); };
+  if (slot->news) slot->callback = [hear](int, unsigned) { hear(); };
   return slot->news;
 }
 

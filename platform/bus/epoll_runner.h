@@ -46,7 +46,7 @@ class EpollRunner : public ThinRunner {
   bool removeSocket(int fd) override;
   bool forgetSocket(int fd) override;
   void drained(int fd, unsigned bits) override;
-  bool addNews(int fd, bool urgent, std::function<void()> hear) override;
+  bool addNews(int fd, bool urgent, const std::function<void()>& hear) override;
 
   // Does not wait either while sockets are left over from the last turn. A signal ends the wait and is no failure.
   [[nodiscard]] bool turn(bool mayWait) override;

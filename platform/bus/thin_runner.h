@@ -67,7 +67,7 @@ class ThinRunner {
   // with `urgent` of something exceptional alone (EPOLLPRI), `hear` is called, before any socket is. It takes in all
   // that there is and does not come back to the runner. Ends with removeSocket. False: this runner knows no news, or
   // the kernel refuses it.
-  virtual bool addNews(int /*fd*/, bool /*urgent*/, std::function<void()> /*hear*/) { return false; }
+  virtual bool addNews(int /*fd*/, bool /*urgent*/, const std::function<void()>& /*hear*/) { return false; }
 
   // How often the runner has asked the kernel what is ready.
   [[nodiscard]] std::uint64_t waits() const { return waits_; }
