@@ -5,6 +5,7 @@
 #include <chrono>
 #include <ctime>
 #include <sys/ioctl.h>
+#include <sys/timerfd.h>
 #include <utility>
 
 #include "platform/log.h"
@@ -46,11 +47,16 @@ std::uint64_t eventTag(int fd, std::uint32_t generation) {
   return (std::uint64_t{generation} << 32) | static_cast<std::uint32_t>(fd);
 }
 
-// The time as of the kernel's last tick, for next to nothing: it is some milliseconds ago at most.
-Clock::time_point recently() {
-  timespec time{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
-  return Clock::time_point(std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec));
+// What the alarm's events carry: no socket has such a number.
+constexpr std::uint64_t alarmTag = UINT64_MAX;
+
+UniqueFd makeAlarm(const UniqueFd& epoll) {
+  UniqueFd alarm(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLET;
+  event.data.u64 = alarmTag;
+  if (alarm && epoll_ctl(epoll.get(), EPOLL_CTL_ADD, alarm.get(), &event) != 0) alarm.reset();
+  return alarm;
 }
 
 bool makeNonBlocking(int fd) {
@@ -64,7 +70,11 @@ EpollRunner::EpollRunner(unsigned eventsPerWait, unsigned roundsPerTurn)
     : epoll_(epoll_create1(EPOLL_CLOEXEC)),
       roundsPerTurn_(roundsPerTurn != 0 ? roundsPerTurn : defaultRoundsPerTurn),
       events_(eventsPerWait != 0 ? eventsPerWait : defaultEventsPerWait) {
-  if (!epoll_) logSystemError("epoll_create1");
+  if (epoll_) {
+    alarm_ = makeAlarm(epoll_);
+  } else {
+    logSystemError("epoll_create1");
+  }
 }
 
 EpollRunner::Slot* EpollRunner::find(int fd) {
@@ -225,11 +235,7 @@ void EpollRunner::enqueue(int fd, Slot& slot) {
 
 bool EpollRunner::turn(bool mayWait) {
   introduceUnknown();
-  int timeout = 0;
-  if (mayWait && pending_.empty()) {
-    timers().setNow(recently());
-    timeout = timers().nextTimeout();
-  }
+  const int timeout = mayWait && pending_.empty() ? timeToWait() : 0;
   const int count = epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeout);
   if (count < 0 && errno != EINTR) return false;
   countWait();
@@ -243,6 +249,26 @@ bool EpollRunner::turn(bool mayWait) {
   return true;
 }
 
+// For epoll_wait: as long as it takes when the alarm ends it in time.
+int EpollRunner::timeToWait() {
+  const auto deadline = timers().nextDeadline();
+  if (!deadline || alarmAt_ <= *deadline) return -1;
+  timers().setNow(Clock::now());
+  if (*deadline <= timers().now()) return 0;
+  return setAlarm(*deadline) ? -1 : timers().nextTimeout();
+}
+
+bool EpollRunner::setAlarm(Clock::time_point when) {
+  const auto time = when.time_since_epoch();
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+  itimerspec setting{};
+  setting.it_value.tv_sec = static_cast<time_t>(seconds.count());
+  setting.it_value.tv_nsec = static_cast<long>((time - seconds).count());
+  if (!alarm_ || timerfd_settime(alarm_.get(), TFD_TIMER_ABSTIME, &setting, nullptr) != 0) return false;
+  alarmAt_ = when;
+  return true;
+}
+
 // Whether no socket can be ready that the kernel had no room to tell of: no timer runs before it, as its peer was not
 // silent. The kernel takes turns, so after waits for as many as there are it has told of each, whatever has come since.
 bool EpollRunner::kernelToldAll(int count) {
@@ -253,6 +279,10 @@ bool EpollRunner::kernelToldAll(int count) {
 }
 
 void EpollRunner::note(const epoll_event& event) {
+  if (event.data.u64 == alarmTag) {
+    alarmAt_ = Clock::time_point::max();
+    return;
+  }
   const Entry entry{static_cast<int>(event.data.u64 & 0xFFFFFFFF), static_cast<std::uint32_t>(event.data.u64 >> 32)};
   Slot* slot = find(entry);
   if (slot == nullptr) return;

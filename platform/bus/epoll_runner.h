@@ -28,6 +28,10 @@ namespace tn {
 // all takes it off again. So one that is told of bytes by a wait that had room for all, with another such wait since
 // its callback was last called to read, was on the list for these bytes, and newsHeard() is true.
 //
+// A wait has no time-out, which the kernel would set up and take down each time it sleeps. An alarm ends it, a
+// descriptor like the others. It is set when the next deadline lies before what it is set to: timers that are armed
+// anew move their deadlines away from it, so it rings now and then for nothing, and is seldom touched.
+//
 // A slot has a generation, which every add and remove changes. It travels with the kernel's events and with the queue
 // of sockets to be called, so neither reaches a socket that got the same descriptor number later in the same turn.
 class EpollRunner : public ThinRunner {
@@ -77,6 +81,8 @@ class EpollRunner : public ThinRunner {
   [[nodiscard]] Slot* find(int fd);
   [[nodiscard]] Slot* find(const Entry& entry);
   [[nodiscard]] Slot* occupy(int fd, unsigned mask, bool cached);
+  [[nodiscard]] int timeToWait();
+  bool setAlarm(Clock::time_point when);
   bool tellKernel(int operation, int fd, const Slot& slot);
   bool introduce(int fd, Slot& slot);
   void introduceUnknown();
@@ -89,7 +95,9 @@ class EpollRunner : public ThinRunner {
   [[nodiscard]] bool callReady();
 
   UniqueFd epoll_;
-  int called_ = -1;  // the socket whose callback runs
+  UniqueFd alarm_;                                        // a timer of the kernel; none when there is none to be had
+  Clock::time_point alarmAt_ = Clock::time_point::max();  // when it rings; never, once it has
+  int called_ = -1;                                       // the socket whose callback runs
   unsigned roundsPerTurn_;
   std::vector<Slot> slots_;     // by descriptor
   std::vector<Entry> pending_;  // sockets to be called next

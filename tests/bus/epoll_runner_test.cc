@@ -1,5 +1,3 @@
-#include "platform/bus/epoll_runner.h"
-
 #include <array>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,42 +8,10 @@
 #include <unistd.h>
 #include <vector>
 
+#include "tests/bus/epoll_fixture.h"
+
 namespace tn {
 namespace {
-
-struct Pair {
-  Pair() {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-    here.reset(ends[0]);
-    there.reset(ends[1]);
-  }
-  void feed(const std::string& text) const {
-    EXPECT_EQ(write(there.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  UniqueFd here;
-  UniqueFd there;
-};
-
-std::string readSome(int fd, std::size_t most = 100) {
-  std::string text(most, '\0');
-  const ssize_t n = read(fd, text.data(), text.size());
-  text.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-  return text;
-}
-
-class EpollRunnerTest : public testing::Test {
- protected:
-  // A turn that does not wait, so a test never hangs.
-  void turn() { ASSERT_TRUE(runner.turn(false)); }
-  ThinRunner::SocketCallback note() {
-    return [this](int, unsigned events) { told.push_back(events); };
-  }
-
-  EpollRunner runner{0, 3};
-  std::vector<unsigned> told;
-  const std::vector<unsigned> nothing;
-};
 
 TEST_F(EpollRunnerTest, MakesSocketsNonBlocking) {
   const Pair level;
@@ -223,122 +189,6 @@ TEST_F(EpollRunnerTest, NothingIsAnnouncedToASocketThatTheKernelDoesNotKnowYet) 
   pair.feed("x");
   turn();
   EXPECT_EQ(announced, std::vector<bool>{false});
-}
-
-// Tells of each call whether all news before what was read had been heard.
-class NewsTest : public EpollRunnerTest {
- protected:
-  void serve(EpollRunner& by, const Pair& pair) {
-    fcntl(pair.here.get(), F_SETFL, O_NONBLOCK);
-    EXPECT_TRUE(by.addNonBlocking(pair.here.get(), readable, [this, &by](int fd, unsigned) {
-      heard.push_back(by.newsHeard());
-      readSome(fd);
-      by.drained(fd, readable);
-    }));
-    turnOf(by);  // to be told of nothing: the socket is taken for ready before the kernel knows it
-    heard.clear();
-  }
-  static void turnOf(EpollRunner& by) { ASSERT_TRUE(by.turn(false)); }
-
-  std::vector<bool> heard;
-};
-
-TEST_F(NewsTest, IsHeardBeforeTheSocketsOfItsTurn) {
-  const Pair pair;
-  const Pair news;
-  std::string order;
-  ASSERT_TRUE(runner.addSocket(pair.here.get(), readable, [&](int fd, unsigned) { order += readSome(fd); }));
-  ASSERT_TRUE(runner.addNews(news.here.get(), false, [&] { order += readSome(news.here.get()); }));
-  EXPECT_FALSE(runner.addNews(news.here.get(), false, [] {}));
-  pair.feed("socket ");
-  news.feed("news ");
-  turn();
-  EXPECT_EQ(order, "news socket ");
-  EXPECT_TRUE(runner.removeSocket(news.here.get()));
-  news.feed("more");
-  turn();
-  EXPECT_EQ(order, "news socket ");
-}
-
-TEST_F(NewsTest, OfAFileThatIsAlwaysReadableIsWhatIsUrgentAlone) {
-  const UniqueFd mounts(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
-  ASSERT_TRUE(mounts);
-  int news = 0;
-  ASSERT_TRUE(runner.addNews(mounts.get(), true, [&] { ++news; }));
-  turn();
-  EXPECT_EQ(news, 0);
-}
-
-TEST_F(NewsTest, IsHeardWhenBytesComeToASocketThatWasAtRestForAWait) {
-  const Pair pair;
-  serve(runner, pair);
-  turn();
-  pair.feed("x");
-  turn();
-  turn();
-  pair.feed("x");
-  turn();
-  EXPECT_EQ(heard, (std::vector<bool>{true, true}));
-}
-
-// The kernel may have listed the socket for what was read meanwhile, and so find later bytes while it goes through the
-// list.
-TEST_F(NewsTest, IsNotKnownToBeHeardAtTheFirstWaitAfterARead) {
-  const Pair pair;
-  serve(runner, pair);
-  turn();
-  pair.feed("x");
-  turn();
-  pair.feed("x");
-  turn();
-  EXPECT_EQ(heard, (std::vector<bool>{true, false}));
-}
-
-TEST_F(NewsTest, IsNotKnownToBeHeardByAWaitWithoutRoomForAll) {
-  const Pair first;
-  const Pair second;
-  EpollRunner narrow{2, 3};
-  serve(narrow, first);
-  serve(narrow, second);
-  turnOf(narrow);
-  first.feed("x");
-  second.feed("x");
-  turnOf(narrow);
-  EXPECT_EQ(heard, (std::vector<bool>{false, false}));
-  heard.clear();
-  turnOf(narrow);
-  first.feed("x");
-  turnOf(narrow);
-  EXPECT_EQ(heard, std::vector<bool>{true});
-}
-
-// Room that came free in its buffer lists it as well.
-TEST_F(NewsTest, IsNotKnownToBeHeardBySocketsThatWaitedToWrite) {
-  const Pair pair;
-  serve(runner, pair);
-  runner.drained(pair.here.get(), writable);
-  turn();
-  turn();
-  pair.feed("x");
-  turn();
-  EXPECT_EQ(heard, std::vector<bool>{false});
-}
-
-TEST_F(NewsTest, IsNotKnownToBeHeardWhenBytesCameAfterTheWait) {
-  const Pair pair;
-  const Pair other;
-  serve(runner, pair);
-  runner.addSocket(other.here.get(), readable, [&](int fd, unsigned) {
-    readSome(fd);
-    runner.changeSocket(pair.here.get(), readable);
-    pair.feed("x");
-  });
-  turn();
-  other.feed("x");
-  turn();
-  EXPECT_EQ(heard, std::vector<bool>{}) << "the kernel has told of nothing yet";
-  turn();
-  EXPECT_EQ(heard, std::vector<bool>{true});
 }
 
 TEST_F(EpollRunnerTest, ASocketThatWasFullIsToldWhenThereIsRoom) {

@@ -39,6 +39,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
+#include <sys/timerfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,16 +64,19 @@ struct Page {
 };
 static_assert(sizeof(Page) == 512 + maxCalls * nameBytes);
 
-constexpr std::array<const char*, 68> calls = {
-    "",          "read",       "write",    "send",          "sendmsg",    "recvmsg",     "sendfile",      "accept4",
-    "epoll_ctl", "epoll_wait", "open",     "fstat",         "stat",       "lstat",       "mmap",          "socket",
-    "bind",      "listen",     "connect",  "setsockopt",    "getsockopt", "getsockname", "getpeername",   "fcntl",
-    "ioctl",     "poll",       "signalfd", "opendir",       "readdir",    "mkdir",       "unlink",        "chmod",
-    "flock",     "realpath",   "access",   "shutdown",      "getrlimit",  "setrlimit",   "epoll_create1", "recv",
-    "fsync",     "rename",     "pread",    "pwrite",        "fdatasync",  "ftruncate",   "getrandom",     "socketpair",
-    "eventfd",   "fdopendir",  "openat",   "mkdirat",       "renameat2",  "unlinkat",    "fstatat",       "statvfs",
-    "pipe2",     "fallocate",  "fchmod",   "inotify_init1", "fork",       "execv",       "waitpid",       "kill",
-    "prctl",     "setpgid",    "dup2",     "close_range"};
+constexpr std::array<const char*, 70> calls = {
+    "",          "read",        "write",          "send",           "sendmsg",     "recvmsg",
+    "sendfile",  "accept4",     "epoll_ctl",      "epoll_wait",     "open",        "fstat",
+    "stat",      "lstat",       "mmap",           "socket",         "bind",        "listen",
+    "connect",   "setsockopt",  "getsockopt",     "getsockname",    "getpeername", "fcntl",
+    "ioctl",     "poll",        "signalfd",       "opendir",        "readdir",     "mkdir",
+    "unlink",    "chmod",       "flock",          "realpath",       "access",      "shutdown",
+    "getrlimit", "setrlimit",   "epoll_create1",  "recv",           "fsync",       "rename",
+    "pread",     "pwrite",      "fdatasync",      "ftruncate",      "getrandom",   "socketpair",
+    "eventfd",   "fdopendir",   "openat",         "mkdirat",        "renameat2",   "unlinkat",
+    "fstatat",   "statvfs",     "pipe2",          "fallocate",      "fchmod",      "inotify_init1",
+    "fork",      "execv",       "waitpid",        "kill",           "prctl",       "setpgid",
+    "dup2",      "close_range", "timerfd_create", "timerfd_settime"};
 static_assert(calls.size() <= maxCalls);
 
 consteval std::uint32_t numberOf(std::string_view name) {
@@ -134,6 +138,7 @@ bool fails(std::uint32_t number) {
 #define SYMBOL_GETSOCKOPT __getsockopt64
 #define SYMBOL_FCNTL __fcntl_time64
 #define SYMBOL_IOCTL __ioctl_time64
+#define SYMBOL_TIMERFD_SETTIME __timerfd_settime64
 #else
 #define SYMBOL_SENDMSG sendmsg
 #define SYMBOL_RECVMSG recvmsg
@@ -145,6 +150,7 @@ bool fails(std::uint32_t number) {
 #define SYMBOL_GETSOCKOPT getsockopt
 #define SYMBOL_FCNTL fcntl64
 #define SYMBOL_IOCTL ioctl
+#define SYMBOL_TIMERFD_SETTIME timerfd_settime
 #endif
 
 // A call NAME of the library, known to the linker as SYMBOL, that returns FAILURE when it fails.
@@ -172,6 +178,9 @@ FAILING("epoll_ctl", epoll_ctl, int, -1, (int epoll, int operation, int fd, epol
         (epoll, operation, fd, event))
 FAILING("epoll_wait", epoll_wait, int, -1, (int epoll, epoll_event* events, int count, int timeout),
         (epoll, events, count, timeout))
+FAILING("timerfd_create", timerfd_create, int, -1, (int clock, int flags), (clock, flags))
+FAILING("timerfd_settime", SYMBOL_TIMERFD_SETTIME, int, -1,
+        (int timer, int flags, const itimerspec* setting, itimerspec* before), (timer, flags, setting, before))
 FAILING("fstat", SYMBOL_FSTAT, int, -1, (int fd, struct stat* status), (fd, status))
 FAILING("stat", SYMBOL_STAT, int, -1, (const char* path, struct stat* status), (path, status))
 FAILING("lstat", SYMBOL_LSTAT, int, -1, (const char* path, struct stat* status), (path, status))

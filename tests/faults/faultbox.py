@@ -31,6 +31,8 @@ ERRORS = {
     "epoll_create1": (*DESCRIPTORS, "ENOMEM"),
     "epoll_ctl": ("ENOMEM", "ENOSPC"),
     "epoll_wait": ("EINTR",),
+    "timerfd_create": (*DESCRIPTORS, "ENOMEM"),
+    "timerfd_settime": ("ECANCELED",),
     "open": ("EINTR", *DESCRIPTORS, "ENOMEM", "ENOSPC", "EACCES", "EIO"),
     "fstat": ("EIO", "ENOMEM"),
     "stat": ("ENOMEM", "EACCES", "EIO"),
