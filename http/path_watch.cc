@@ -137,9 +137,13 @@ void PathWatch::check() {
 
 bool PathWatch::join(tn::ThinRunner& runner) {
   if (!changes_ || !runner.addNews(inotify_.get(), false, [this] { drain(); })) return false;
-  if (runner.addNews(mounts_.get(), true, [this] { forget(); })) return true;
-  runner.removeSocket(inotify_.get());
-  return false;
+  if (!runner.addNews(mounts_.get(), true, [this] { forget(); })) {
+    runner.removeSocket(inotify_.get());
+    return false;
+  }
+  // The table of mounts tells each change once, and may just have told one to the kernel, which asks it at this moment.
+  forget();
+  return true;
 }
 
 void PathWatch::leave(tn::ThinRunner& runner) {

@@ -7,6 +7,7 @@
 #include <sys/statfs.h>
 #include <utime.h>
 
+#include "platform/bus/epoll_runner.h"
 #include "tests/http/scratch_dir.h"
 
 namespace {
@@ -66,6 +67,25 @@ TEST_F(PathWatchTest, HoldsWhileNothingChanges) {
   EXPECT_TRUE(look("web/sub/a.txt"));
   EXPECT_TRUE(mayHold());
   EXPECT_TRUE(mayHold());
+}
+
+TEST_F(PathWatchTest, HearsThroughARunner) {
+  tn::EpollRunner runner;
+  EXPECT_TRUE(look("web/sub/a.txt"));
+  ASSERT_TRUE(watch.join(runner));
+  EXPECT_FALSE(facts.hold()) << "what was known before may have changed at this moment";
+  EXPECT_TRUE(look("web/sub/a.txt"));
+  ASSERT_TRUE(runner.turn(false));
+  EXPECT_EQ(facts.hold(), provable_);
+  dir.write("web/sub/a.txt", "two");
+  ASSERT_TRUE(runner.turn(false));
+  EXPECT_FALSE(facts.hold());
+  watch.leave(runner);
+  EXPECT_TRUE(look("web/sub/a.txt"));
+  dir.write("web/sub/a.txt", "three");
+  ASSERT_TRUE(runner.turn(false));
+  EXPECT_EQ(facts.hold(), provable_) << "nobody tells of it any more";
+  EXPECT_FALSE(holds());
 }
 
 struct Change {
