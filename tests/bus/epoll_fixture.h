@@ -1,29 +1,20 @@
 #pragma once
 
-#include <array>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
 #include "platform/bus/epoll_runner.h"
+#include "tests/bus/sockets.h"
 
 namespace tn {
 
 // Two connected sockets: the one of the runner, and that of its peer. Both wait, until the runner has taken the first.
-struct Pair {
-  Pair() {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-    here.reset(ends[0]);
-    there.reset(ends[1]);
-  }
+struct Pair : testing_support::SocketPair {
   void feed(const std::string& text) const {
     EXPECT_EQ(write(there.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
-  UniqueFd here;
-  UniqueFd there;
 };
 
 inline std::string readSome(int fd, std::size_t most = 100) {
