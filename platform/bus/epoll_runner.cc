@@ -50,12 +50,16 @@ std::uint64_t eventTag(int fd, std::uint32_t generation) {
 // What the alarm's events carry: no socket has such a number.
 constexpr std::uint64_t alarmTag = UINT64_MAX;
 
+bool control(const UniqueFd& epoll, int operation, int fd, std::uint32_t events, std::uint64_t tag) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = tag;
+  return epoll_ctl(epoll.get(), operation, fd, &event) == 0;
+}
+
 UniqueFd makeAlarm(const UniqueFd& epoll) {
   UniqueFd alarm(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-  epoll_event event{};
-  event.events = EPOLLIN | EPOLLET;
-  event.data.u64 = alarmTag;
-  if (alarm && epoll_ctl(epoll.get(), EPOLL_CTL_ADD, alarm.get(), &event) != 0) alarm.reset();
+  if (alarm && !control(epoll, EPOLL_CTL_ADD, alarm.get(), EPOLLIN | EPOLLET, alarmTag)) alarm.reset();
   return alarm;
 }
 
@@ -134,10 +138,8 @@ EpollRunner::Slot* EpollRunner::occupy(int fd, unsigned mask, bool cached) {
 }
 
 bool EpollRunner::tellKernel(int operation, int fd, const Slot& slot) {
-  epoll_event event{};
-  event.events = slot.cached ? cachedMask(slot.writes) : levelMask(slot.mask);
-  event.data.u64 = eventTag(fd, slot.generation);
-  return epoll_ctl(epoll_.get(), operation, fd, &event) == 0;
+  const std::uint32_t events = slot.cached ? cachedMask(slot.writes) : levelMask(slot.mask);
+  return control(epoll_, operation, fd, events, eventTag(fd, slot.generation));
 }
 
 // Gives a socket to the kernel, which at once announces what it is ready for.
@@ -218,10 +220,8 @@ void EpollRunner::drained(int fd, unsigned bits) {
 bool EpollRunner::addNews(int fd, bool urgent, const std::function<void()>& hear) {
   Slot* slot = occupy(fd, 0, false);
   if (slot == nullptr) return false;
-  epoll_event event{};
-  event.events = urgent ? EPOLLPRI : EPOLLIN;
-  event.data.u64 = eventTag(fd, slot->generation);
-  slot->introduced = epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+  const std::uint32_t events = urgent ? EPOLLPRI : EPOLLIN;
+  slot->introduced = control(epoll_, EPOLL_CTL_ADD, fd, events, eventTag(fd, slot->generation));
   slot->watched = slot->news = slot->introduced;
   if (slot->news) slot->callback = [hear](int, unsigned) { hear(); };
   return slot->news;
