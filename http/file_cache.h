@@ -87,7 +87,7 @@ class FileCache {
  public:
   // Up to here one copy by the kernel costs less than the second system call of sendfile, which copies nothing.
   static constexpr std::size_t maxMappedBytes = 32768;
-  static constexpr std::size_t maxTotalBytes = 4194304;  // mapped
+  static constexpr std::size_t maxTotalBytes = 4194304;  // mapped; and a page of room for each file at most
   static constexpr std::size_t maxFiles = 256;
   static constexpr std::uint32_t sweepMs = 10000;  // what is unused between two sweeps is let go
 

@@ -19,8 +19,9 @@ struct Outgoing {
   std::shared_ptr<const CachedFile> cached;
   std::uint32_t fileRemaining = 0;
   off_t fileOffset = 0;
-  std::uint64_t cachedHead =
-      0;                   // the whole response is head and file of the cache, as long as this is the last of its heads
+  // Which of the heads that `cached` was sent with is this one: as long as it is the last, head and file are one piece
+  // there. 0: none of them.
+  std::uint64_t cachedHead = 0;
   bool tried = false;      // a write was tried: what is left may find its file changed
   bool keepAlive = false;  // what follows a complete response: the next request, or the end
 };
