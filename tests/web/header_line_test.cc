@@ -178,6 +178,19 @@ TEST(HeaderLine, Hosts) {
   }
 }
 
+// The host taken last need not be looked at again: nothing else passes as it.
+TEST(HeaderLine, AHostLikeTheOneBefore) {
+  ASSERT_TRUE(takes("Host: router.local:80"));
+  for (const char* value : {"router.local:80", "router.local:8", "router.local", "ROUTER.local:80"})
+    EXPECT_TRUE(takes(std::string("Host: ") + value)) << value;
+  ASSERT_TRUE(takes("Host: router.local:80"));
+  for (const char* value :
+       {"router.local:80\x01", "router.local:80 x", "router.local:80x", "router.local:80/", "router\x7f.local:80"})
+    EXPECT_FALSE(takes(std::string("Host: ") + value)) << value;
+  ASSERT_TRUE(takes("Host: " + std::string(1000, 'a')));
+  EXPECT_FALSE(takes("Host: " + std::string(1000, 'a') + "\x01"));
+}
+
 TEST(HeaderLine, OneHost) {
   Headers headers;
   ASSERT_TRUE(headers.parseHeaderLine("Host: a"));
