@@ -24,5 +24,5 @@ int main() {
   server.start(configDirectory);
   looper.run();
   endAllConnections();
-  return 0;
+  return looper.exitStatus();
 }

@@ -162,13 +162,14 @@ bool Looper::finishTurn() {
 void Looper::run() {
   std::optional<StopSignals> signals;
   if (!leaveSignals_) signals.emplace(*this);
-  quitting_ = false;
+  quitting_ = broken_ = false;
   while (true) {
     const bool more = finishTurn();
     if (quitting_) break;
     flushLog();
     if (!runner_->turn(!more)) {
       logSystemError("epoll_wait");
+      broken_ = true;
       break;
     }
   }

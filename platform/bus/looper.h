@@ -74,6 +74,8 @@ class Looper : public Handler {
   // written as far as it goes.
   void run();
   void quit() { quitting_ = true; }
+  // For the end of the program, after run(): 0, or 1 when the loop could not go on, as the log then says.
+  [[nodiscard]] int exitStatus() const { return broken_ ? 1 : 0; }
   // What run() does between two turns: delivers what exchangeMessage kept aside, closes descriptors that nobody took,
   // has handlers tell their subscribers, writes to the broker. True: messages are left over. For tests that turn the
   // loop by hand.
@@ -97,6 +99,7 @@ class Looper : public Handler {
   std::unique_ptr<Switchboard> switchboard_;
   const bool leaveSignals_;
   bool quitting_ = false;
+  bool broken_ = false;
 };
 
 // The process's looper and its runner: set by the constructor of Looper, cleared by its destructor.

@@ -2,7 +2,6 @@
 
 #include "platform/bus/looper.h"
 #include "platform/log.h"
-#include "services/common/exit_status.h"
 #include "services/hotspotd/desk.h"
 #include "services/hotspotd/keeper.h"
 #include "services/hotspotd/portal.h"
@@ -35,5 +34,5 @@ int main() {
   looper.addHandler(hotspot::Portal::id, portal);
   servers.start();
   looper.run();
-  return service::exitStatus(looper);
+  return looper.exitStatus();
 }

@@ -1,7 +1,6 @@
 #include <csignal>
 
 #include "platform/bus/looper.h"
-#include "services/common/exit_status.h"
 #include "services/sermgr/manager.h"
 
 // The service manager: keeps the server records and gives them to the servers.
@@ -16,5 +15,5 @@ int main() {
   manager.start();
   looper.addHandler(sermgr::handlerId, manager);
   looper.run();
-  return service::exitStatus(looper);
+  return looper.exitStatus();
 }

@@ -1,7 +1,6 @@
 #include <csignal>
 
 #include "platform/bus/looper.h"
-#include "services/common/exit_status.h"
 #include "services/sysd/console_handler.h"
 #include "services/sysd/file_store.h"
 #include "services/sysd/files_handler.h"
@@ -25,5 +24,5 @@ int main() {
   looper.addHandler(sysd::ConsoleHandler::id, console);
   looper.joinGroup(sysd::sessionGroup);
   looper.run();
-  return service::exitStatus(looper);
+  return looper.exitStatus();
 }

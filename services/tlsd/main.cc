@@ -7,7 +7,6 @@
 
 #include "platform/bus/looper.h"
 #include "platform/log.h"
-#include "services/common/exit_status.h"
 #include "services/tlsd/hand_over.h"
 #include "services/tlsd/management.h"
 
@@ -52,5 +51,5 @@ int main() {
   looper.addHandler(handOverHandler, handOver);
   looper.addHandler(managementHandler, management);
   looper.run();
-  return service::exitStatus(looper);
+  return looper.exitStatus();
 }

@@ -5,7 +5,6 @@
 
 #include "platform/byte_order.h"
 #include "platform/log.h"
-#include "services/common/exit_status.h"
 #include "services/userd/password.h"
 #include "services/userd/service.h"
 #include "services/userd/worker_hasher.h"
@@ -62,5 +61,5 @@ int main() {
   userd::Service service(looper, *hasher, settings);
   service.start();
   looper.run();
-  return service::exitStatus(looper);
+  return looper.exitStatus();
 }

@@ -244,6 +244,15 @@ TEST_F(LooperRunTest, RunsUntilItIsToldToQuit) {
   EXPECT_EQ(turns, 3);
   looper->runner().addTimer(0, [&] { looper->quit(); });
   looper->run();
+  EXPECT_EQ(looper->exitStatus(), 0);
+}
+
+TEST_F(LooperRunTest, ALoopThatCannotGoOnEndsTheProgramWithAStatus) {
+  Looper broken(std::make_unique<fakes::FakeRunner>(), std::make_unique<fakes::RecordingBus>());
+  testing::internal::CaptureStderr();
+  broken.run();
+  EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(broken.exitStatus(), 1);
 }
 
 TEST_F(LooperRunTest, StopSignalsEndIt) {
