@@ -32,13 +32,21 @@ constexpr FieldName recordFields[] = {
 constexpr FieldNames record{recordFields};
 constexpr FieldName recordsFields[] = {f('M', 1, "servers", &record)};
 constexpr FieldNames records{recordsFields};
+constexpr FieldName trialFields[] = {
+    f('s', 1, "name"),        f('b', 0xfe000a, "disabled"),  f('u', 2, "port"),
+    f('u', 5, "certificate"), f('M', 6, "allowed", &prefix), f('s', 0x10, "error"),
+    f('b', 0x11, "applied"),  f('u', 0x12, "trial"),
+};
+constexpr FieldNames recordOnTrial{trialFields};
+constexpr FieldName recordsOnTrialFields[] = {f('M', 1, "servers", &recordOnTrial)};
+constexpr FieldNames recordsOnTrial{recordsOnTrialFields};
 constexpr FieldName outcomeFields[] = {f('s', 0x10, "error")};
 constexpr FieldNames outcome{outcomeFields};
 
 constexpr CommandShape recordCommands[] = {
-    {command::getAll, "getAll", "all records", nullptr, &records},
-    {command::get, "get", "one record", &name, &record},
-    {command::set, "set", "changes the given fields of a record", &record, &outcome},
+    {command::getAll, "getAll", "all records", nullptr, &recordsOnTrial},
+    {command::get, "get", "one record", &name, &recordOnTrial},
+    {command::set, "set", "changes the given fields of a record, or tries them", &recordOnTrial, &outcome},
     {command::addObj, "addObj", "adds a record, or replaces it as a whole", &record, &outcome},
     {command::removeObj, "removeObj", "removes a record", &name, &outcome},
     {0x30003, "sendAll", "sends all records to the asking program"},

@@ -27,8 +27,10 @@ std::vector<std::uint32_t> serversAmong(const std::vector<tn::message>& programs
   return servers;
 }
 
+// Two codes are those of an answer that never came.
 ServerError errorOf(const tn::message& answer) {
-  return {answer.get(tn::field::errorCode).value_or(0), tn::getError(answer)};
+  const std::uint32_t code = answer.get(tn::field::errorCode).value_or(0);
+  return {code, tn::getError(answer), code == tn::error::timeout || code == tn::error::unreachable};
 }
 
 // One command on its way to several servers, kept alive by the callbacks of their answers.
@@ -38,8 +40,15 @@ struct Round {
   std::function<void(const Outcome&)> callback;
 
   void onAnswer(const tn::message& answer) {
-    if (!outcome && tn::isError(answer)) outcome = errorOf(answer);
+    if (tn::isError(answer)) take(errorOf(answer));
     if (--awaited == 0) callback(outcome);
+  }
+  void take(ServerError failed) {
+    if (outcome) {
+      outcome->unheard = outcome->unheard || failed.unheard;
+    } else {
+      outcome = std::move(failed);
+    }
   }
 };
 
@@ -54,6 +63,7 @@ void Delivery::findServers(std::function<void(const Found&)> callback) {
         Found found;
         if (tn::isError(answer)) {
           found.failure = errorOf(answer);
+          found.failure->unheard = true;
           found.failure->text.insert(0, "the bus does not answer: ");
         } else if (const auto programs = answer.get(listedPrograms)) {
           found.servers = serversAmong(*programs);

@@ -18,6 +18,7 @@ inline constexpr std::uint32_t serverHandler = 1;
 struct ServerError {
   std::uint32_t code;
   std::string text;
+  bool unheard = true;  // a server has not heard the command, as far as is known
 };
 // How a command fared with the servers: nothing when every one of them has taken it, else the first error.
 using Outcome = std::optional<ServerError>;

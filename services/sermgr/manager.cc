@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <utility>
 
 #include "platform/bus/looper.h"
@@ -17,6 +18,17 @@ constexpr tn::message_array_id allRecords{1};
 // Copies the name: it must survive the message.
 std::string nameOf(const tn::message& msg) {
   return std::string(msg.get(field::name).value_or(std::string_view()));
+}
+
+// Rounded up, and one while it is about to end.
+std::uint32_t secondsUntil(tn::Clock::time_point end) {
+  const auto left = std::chrono::ceil<std::chrono::seconds>(end - tn::getRunner()->timers().now());
+  return static_cast<std::uint32_t>(std::max<std::int64_t>(left.count(), 1));
+}
+
+// What the log says of a record.
+void logRecord(const Record& record, std::string_view how) {
+  logLine("record ", record.name, ": enabled=", boolText(record.enabled), " port=", NumberText(record.port), how);
 }
 
 tn::message notAllowed() {
@@ -136,11 +148,15 @@ std::optional<Manager::Refusal> Manager::set(const tn::message& msg, std::string
   const auto found = entries_.find(name);
   if (found == entries_.end()) return Refusal{tn::error::noSuchService, "no such service"};
   Record record = found->second.record;
-  if (auto problem = applyFields(record, msg)) return Refusal{error::badRecord, std::move(*problem)};
-  return keep(record);
+  auto problem = checkTrial(msg);
+  if (!problem) problem = applyFields(record, msg);
+  if (problem) return Refusal{error::badRecord, std::move(*problem)};
+  const auto seconds = msg.get(field::trial);
+  return seconds ? tryOut(record, *seconds) : keep(record);
 }
 
 std::optional<Manager::Refusal> Manager::add(const tn::message& msg, std::string_view name) {
+  if (msg.has(field::trial)) return Refusal{error::badRecord, "only set takes a trial (u32 12)"};
   Record record;
   record.name = name;
   if (auto problem = applyFields(record, msg)) return Refusal{error::badRecord, std::move(*problem)};
@@ -161,9 +177,59 @@ std::optional<Manager::Refusal> Manager::remove(const tn::message& /*msg*/, std:
 
 std::optional<Manager::Refusal> Manager::keep(const Record& record) {
   if (auto failure = store_.save(record)) return Refusal{error::notStored, "cannot store the record: " + *failure};
-  entries_[record.name] = {record, false, {}, ++lastRevision_};
-  logLine("record ", record.name, ": enabled=", boolText(record.enabled), " port=", NumberText(record.port));
+  Entry& entry = entries_[record.name];
+  const bool followsTrial = entry.timer != nullptr;
+  entry = {record, false, {}, ++lastRevision_};
+  if (followsTrial) entry.timer = bringer(record.name);
+  logRecord(record, "");
   return std::nullopt;
+}
+
+// Where nothing can be stored, nothing on trial could be confirmed, and the defaults may give way at any moment.
+std::optional<Manager::Refusal> Manager::tryOut(const Record& record, std::uint32_t seconds) {
+  if (!store_.isOpen()) return Refusal{error::notStored, "cannot store the record: no database"};
+  tn::TimerQueue& timers = tn::getRunner()->timers();
+  constexpr std::uint32_t secondMs = 1000;
+  Entry& entry = entries_.find(record.name)->second;
+  Record stored = entry.trial ? std::move(entry.trial->stored) : std::move(entry.record);
+  entry = {record, false, {}, ++lastRevision_, Trial{std::move(stored), timers.now() + std::chrono::seconds(seconds)}};
+  entry.timer = std::make_unique<tn::Timer>([this, name = record.name] { takeBack(name); });
+  entry.timer->start(timers, seconds * secondMs);
+  logRecord(record, std::string(", on trial for ").append(NumberText(seconds)).append(" s"));
+  return std::nullopt;
+}
+
+void Manager::takeBack(const std::string& name) {
+  Entry& entry = entries_.find(name)->second;
+  entry = {std::move(entry.trial->stored), false, {}, ++lastRevision_};
+  entry.timer = bringer(name);
+  logRecord(entry.record, ", taken back");
+  bring(name);
+}
+
+std::unique_ptr<tn::Timer> Manager::bringer(const std::string& name) {
+  return std::make_unique<tn::Timer>([this, name] { bring(name); });
+}
+
+void Manager::bring(const std::string& name) {
+  const Entry& entry = entries_.find(name)->second;
+  const auto heard = [this, name, revision = entry.revision](const Outcome& outcome) {
+    if (Entry* const brought = settle(name, revision, outcome)) bringAgain(*brought, outcome);
+  };
+  delivery_.findServers([this, heard, command = applyCommand(entry.record)](const Delivery::Found& there) {
+    if (there.failure) return heard(there.failure);
+    delivery_.deliver(there.servers, command, heard);
+  });
+}
+
+// Only what follows a trial is brought until it was heard.
+void Manager::bringAgain(Entry& entry, const Outcome& outcome) {
+  if (entry.trial || !entry.timer) return;
+  if (outcome && outcome->unheard) {
+    entry.timer->start(tn::getRunner()->timers(), bringMs);
+  } else {
+    entry.timer.reset();
+  }
 }
 
 // Tells the servers of a record as it is now, or that it is gone, and whoever changed it how they took that.
@@ -181,7 +247,7 @@ void Manager::tell(const tn::message& request, const std::string& name) {
 
 void Manager::finish(const Told& told, const Outcome& outcome) {
   --changes_;
-  settle(told.name, told.revision, outcome);
+  if (Entry* const changed = settle(told.name, told.revision, outcome)) bringAgain(*changed, outcome);
   // A server that is not there does not listen, which is all that a removal is for.
   const bool done = !outcome || (told.gone && outcome->code == tn::error::noSuchService);
   tn::message answer;
@@ -189,12 +255,16 @@ void Manager::finish(const Told& told, const Outcome& outcome) {
   reply(told.address, std::move(answer));
 }
 
-void Manager::settle(const std::string& name, std::uint64_t revision, const Outcome& outcome) {
+// The entry, when it is still that revision.
+Manager::Entry* Manager::settle(const std::string& name, std::uint64_t revision, const Outcome& outcome) {
   const auto found = entries_.find(name);
-  if (found == entries_.end() || found->second.revision != revision) return;
-  found->second.applied = !outcome;
-  found->second.lastError = outcome ? outcome->text : std::string();
-  if (outcome) logLine("record ", name, ": not applied: ", outcome->text);
+  if (found == entries_.end() || found->second.revision != revision) return nullptr;
+  Entry& entry = found->second;
+  // What is tried again and again is told once.
+  if (outcome && outcome->text != entry.lastError) logLine("record ", name, ": not applied: ", outcome->text);
+  entry.applied = !outcome;
+  entry.lastError = outcome ? outcome->text : std::string();
+  return &entry;
 }
 
 void Manager::linked() {
@@ -250,6 +320,7 @@ tn::message Manager::describe(const Entry& entry) {
   writeRecord(entry.record, msg);
   msg.insert(field::lastError, entry.lastError);
   msg.insert(field::applied, entry.applied);
+  if (entry.trial) msg.insert(field::trial, secondsUntil(entry.trial->end));
   return msg;
 }
 

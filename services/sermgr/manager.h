@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <span>
 #include <string>
@@ -43,12 +44,25 @@ inline constexpr char databasePath[] = "/rw/store/servers.db";
 // A change is stored first and answered last, when the servers have answered it or had their time for it. What a server
 // refuses is kept all the same: the answer then holds the reason, and so does the record when it is read. The reasons
 // belong to the running servers and are not stored.
+//
+// A change on trial is told to the servers and not stored: whoever locks himself out by it needs nothing but to wait.
+// An entry owns its trial, which begins with a `set` that names its seconds, and ends in one of four ways.
+// - Another change of the record (set without seconds, addObj, removeObj) is stored and takes its place. When it cannot
+//   be stored the trial runs on.
+// - Another trial takes its place and has the whole of its own time; what comes back is still the stored record.
+// - Its time is up: the stored record goes to the servers.
+// - This service ends: the servers are given the stored record as soon as it is there again.
+// Until then what is on trial is what every server is given, whether they take it or not, and whichever servers and
+// links come and go. A record that follows a trial is brought to the servers again and again until each one that is
+// there has heard it: whoever waits for it may have no other way to see that a server, or the broker, was too busy.
 class Manager : public tn::Handler {
  public:
   // Changes that may be on their way to the servers at a time.
   static constexpr std::size_t maxChanges = 256;
   // Between two attempts to open a store that cannot be opened.
   static constexpr std::uint32_t retryMs = 1000;
+  // Between two attempts to bring a record that follows a trial to the servers.
+  static constexpr std::uint32_t bringMs = 1000;
 
   // The store must outlive the manager.
   explicit Manager(Store& store);
@@ -63,11 +77,18 @@ class Manager : public tn::Handler {
   void linked() override;
 
  private:
+  // What is tried out in place of the stored record.
+  struct Trial {
+    Record stored;  // what comes back
+    tn::Clock::time_point end;
+  };
   struct Entry {
-    Record record;
+    Record record;               // what the servers are given
     bool applied = false;        // the servers have taken it
     std::string lastError;       // why not, when they refused
     std::uint64_t revision = 0;  // counts changes: late answers to an earlier one say nothing any more
+    std::optional<Trial> trial = std::nullopt;
+    std::unique_ptr<tn::Timer> timer = nullptr;  // ends the trial; after it, brings once more what followed
   };
   // Why a change is not made.
   struct Refusal {
@@ -92,6 +113,11 @@ class Manager : public tn::Handler {
   std::optional<Refusal> add(const tn::message& msg, std::string_view name);
   std::optional<Refusal> remove(const tn::message& msg, std::string_view name);
   std::optional<Refusal> keep(const Record& record);
+  std::optional<Refusal> tryOut(const Record& record, std::uint32_t seconds);
+  void takeBack(const std::string& name);
+  [[nodiscard]] std::unique_ptr<tn::Timer> bringer(const std::string& name);
+  void bring(const std::string& name);
+  static void bringAgain(Entry& entry, const Outcome& outcome);
   void tell(const tn::message& request, const std::string& name);
   void finish(const Told& told, const Outcome& outcome);
 
@@ -100,7 +126,7 @@ class Manager : public tn::Handler {
   void sendUntracked(std::uint32_t program);
   [[nodiscard]] std::vector<Entry*> enabledFirst();
 
-  void settle(const std::string& name, std::uint64_t revision, const Outcome& outcome);
+  Entry* settle(const std::string& name, std::uint64_t revision, const Outcome& outcome);
   [[nodiscard]] static tn::message describe(const Entry& entry);
   [[nodiscard]] static tn::message applyCommand(const Record& record);
   [[nodiscard]] static tn::message removeCommand(std::string_view name);

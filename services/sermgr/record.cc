@@ -14,7 +14,8 @@ using service::keyOf;
 
 // The state of a record may stand in a command, so that a record that was listed can be given back as it is.
 constexpr std::array recordKeys = {keyOf(field::name),    keyOf(field::port),      keyOf(field::tlsRef),
-                                   keyOf(field::allowed), keyOf(field::lastError), keyOf(field::applied)};
+                                   keyOf(field::allowed), keyOf(field::lastError), keyOf(field::applied),
+                                   keyOf(field::trial)};
 constexpr std::array prefixKeys = {keyOf(prefix_field::ipv4), keyOf(prefix_field::ipv4Mask), keyOf(prefix_field::ipv6),
                                    keyOf(prefix_field::ipv6Length)};
 
@@ -80,6 +81,12 @@ Problem checkName(std::string_view name) {
 Problem checkPort(std::uint32_t port) {
   if (port != 0 && port <= maxPort) return std::nullopt;
   return "the port (u32 2) is 1 to " + std::to_string(maxPort);
+}
+
+Problem checkTrial(const tn::message& command) {
+  const std::uint32_t seconds = command.get(field::trial).value_or(1);
+  if (seconds != 0 && seconds <= maxTrialSeconds) return std::nullopt;
+  return "a trial (u32 12) takes 1 to " + std::to_string(maxTrialSeconds) + " seconds";
 }
 
 Problem applyFields(Record& record, const tn::message& command) {

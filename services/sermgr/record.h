@@ -17,6 +17,7 @@ inline constexpr std::size_t maxServers = 64;
 inline constexpr std::size_t maxPrefixes = 256;  // of one server
 inline constexpr std::uint32_t defaultPort = 80;
 inline constexpr std::uint32_t maxPort = 65535;
+inline constexpr std::uint32_t maxTrialSeconds = 60;
 // How a message says that there is no reference for the TLS service.
 inline constexpr std::uint32_t noTlsRef = 0xFFFFFFFF;
 
@@ -28,6 +29,7 @@ inline constexpr tn::u32_id tlsRef{5};
 inline constexpr tn::message_array_id allowed{6};
 inline constexpr tn::string_id lastError{0x10};
 inline constexpr tn::bool_id applied{0x11};
+inline constexpr tn::u32_id trial{0x12};  // seconds until it is taken back
 }  // namespace field
 
 // Fields of one element of `allowed`.
@@ -54,6 +56,8 @@ using Problem = std::optional<std::string>;
 
 [[nodiscard]] Problem checkName(std::string_view name);
 [[nodiscard]] Problem checkPort(std::uint32_t port);
+// How long a command's trial is to last; one without the field asks for none.
+[[nodiscard]] Problem checkTrial(const tn::message& command);
 
 // Lays the fields of a command over a record; those that are absent keep their value. The name is left alone. Fields
 // that a record does not have are a problem: a field of another type than meant would else be overlooked in silence.

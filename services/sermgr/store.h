@@ -29,6 +29,7 @@ class Store {
   [[nodiscard]] Failure open(std::span<const Record> defaults);
   // The records, sorted by name. The failure of a load that finds damage leads to a database anew at the next open.
   [[nodiscard]] Failure load(std::vector<Record>& records);
+  [[nodiscard]] bool isOpen() const { return database_.isOpen(); }
   // Every later call but open() fails.
   void close() { database_.close(); }
   // Adds a record, or replaces the one of its name as a whole.

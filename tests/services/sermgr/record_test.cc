@@ -75,7 +75,7 @@ TEST(RecordFields, AllowedReplacesTheWholeList) {
 
 TEST(RecordFields, OfTheBusAndOfAListedRecordAreSkipped) {
   EXPECT_EQ(applied("{s1:'http',Uff0001:[68,1],uff0007:5,uff0020:9,sff000a:'x',s10:'refused',b11:1}").port, 8080U);
-  EXPECT_EQ(applied("{s10:'refused',b11:1,u2:9}").port, 9U);
+  EXPECT_EQ(applied("{s10:'refused',b11:1,u12:20,u2:9}").port, 9U);
 }
 
 TEST(RecordProblems, OfPorts) {
