@@ -65,9 +65,21 @@ test('a port that is taken is not taken, and the page stays', async () => {
   await context.close();
 });
 
+test('a record that is on trial says so for as long as it is', async () => {
+  await control.tn('call', '68/1', 'set', "{s1:'https',u12:60}");
+  const { context, page } = await openOn(browser, 'Servers');
+  await server(page, 'https').getByText(/^On trial, taken back in \d+ s\.$/).waitFor();
+  await page.screenshot({ path: `${shots}/servers-trial.png` });
+  await control.tn('call', '68/1', 'set', "{s1:'https'}");
+  await server(page, 'https').getByText('On trial').waitFor({ state: 'detached' });
+  await context.close();
+});
+
 test('nobody locks out the own browser', async () => {
   const { context, page } = await openOn(browser, 'Servers');
   const dialog = await changeServer(page, 'http', { 'Reachable from': '10.0.0.0/8' });
+  await dialog.getByText(/^This browser would have been locked out\. Taking it back, which takes up to \d+ s …$/).waitFor();
+  await page.screenshot({ path: `${shots}/servers-taking-back.png` });
   await dialog.getByText('This browser would have been locked out. Nothing has been changed.').waitFor();
   await page.screenshot({ path: `${shots}/servers-locked-out.png` });
   await dialog.getByRole('button', { name: 'Cancel' }).click();

@@ -79,6 +79,27 @@ test('each server has its counters', async () => {
   await context.close();
 });
 
+test('a change that would lock out the own browser is refused before anything is changed', async () => {
+  const { context, page, troubles } = await openOn(browser, 'Servers');
+  const http = page.locator('[data-server=http]');
+  const dialog = page.getByRole('dialog');
+  await http.getByRole('button', { name: 'Change' }).click();
+  await dialog.getByLabel('Reachable from').fill('10.0.0.0/8\n::1');
+  await dialog.getByRole('button', { name: 'Save' }).click();
+  await dialog.getByText('This browser would have been locked out. Nothing has been changed.').waitFor();
+  await dialog.getByLabel('Reachable from').fill('127.0.0.0/8\n::1\n10.0.0.0/8');
+  await dialog.getByRole('button', { name: 'Save' }).click();
+  await http.getByText('from 127.0.0.0/8, ::1/128, 10.0.0.0/8').waitFor();
+  // The log tells of all trials, in their order.
+  const trials = await until(async () => {
+    const lines = (await control.log_lines('tnrun')).filter((line) => line.includes('on trial'));
+    return lines.length > 0 && lines;
+  }, 'the trial in the log');
+  assert.equal(trials.length, 1, 'the first change was not tried');
+  assert.deepEqual(troubles, []);
+  await context.close();
+});
+
 test('the certificate is shown, fetched, renewed and replaced', async () => {
   const { context, page } = await openOn(browser, 'Servers');
   const panel = page.getByRole('region', { name: 'Certificate' });

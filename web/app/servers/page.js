@@ -62,6 +62,7 @@ export function startServers(place, { session, notices }) {
     counters.clear();
     keepFocus(list, () => list.replaceChildren(...records.map(row)));
     asking.now();
+    if (records.some(({ trial }) => trial)) again.later();
   }
 
   function row(record) {
@@ -82,6 +83,7 @@ export function startServers(place, { session, notices }) {
         h('span', { class: 'pill', 'data-state': state[0] }, h('span', { class: 'dot', 'aria-hidden': 'true' }), state[1]),
       ),
       h('p', {}, `Port ${record.port}${certificate}, ${from}`),
+      record.trial ? h('p', { class: 'trial' }, `On trial, taken back in ${record.trial} s.`) : null,
       record.enabled && record.problem ? h('p', { class: 'problem' }, problemText(record.problem)) : null,
       mayChange
         ? h(
@@ -147,7 +149,7 @@ export function startServers(place, { session, notices }) {
           return 'This page comes through this server. Without it you need another way in. Save once more if you have one.';
         }
         if (!wanted.enabled) return change(session, wanted).then(afterChange);
-        const { wrong: refused, moved } = await changeOwn(session, before, wanted, tell);
+        const { wrong: refused, moved } = await changeOwn(session, server, before, wanted, tell);
         if (moved) follow(moved);
         return refused;
       },

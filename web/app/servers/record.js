@@ -3,6 +3,8 @@ import { addressText, isIPv4, parseAddress } from '../../client/index.js';
 
 export const path = [68, 1];
 export const noCertificate = 0xffffffff;
+/** Of a command: for how many seconds it is tried. */
+export const trialField = 'u12';
 
 /**
  * @typedef {object} ServerRecord
@@ -13,6 +15,7 @@ export const noCertificate = 0xffffffff;
  * @property {string[]} allowed  Prefixes; none means everyone.
  * @property {string} problem  Why the servers have not taken it; may be empty all the same.
  * @property {boolean} taken
+ * @property {number} trial  Seconds until it is taken back; 0 when it stands.
  */
 
 /** @returns {ServerRecord} */
@@ -25,6 +28,7 @@ export function readRecord(message) {
     allowed: (message.M6 ?? []).map(prefixText),
     problem: message.s10 ?? '',
     taken: message.b11 === true,
+    trial: message[trialField] ?? 0,
   };
 }
 
@@ -38,8 +42,21 @@ const maskOfBits = (bits) => 2 ** 32 - 2 ** (32 - bits);
 const mapped = (address) => Uint8Array.from([0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, address >>> 24, address >>> 16, address >>> 8, address]);
 
 function prefixText(message) {
-  if (message.a3) return `${addressText(message.a3)}/${message.u4 ?? 128}`;
+  if (message.a3) return textOf(plainPrefix(message.a3, message.u4 ?? 128));
   return `${addressText(mapped(message.u1 ?? 0))}/${bitsOfMask(message.u2 ?? 0)}`;
+}
+
+// Which bits of a byte belong to a prefix.
+const maskAt = (index, bits) => (0xff00 >> Math.min(8, Math.max(0, bits - 8 * index))) & 0xff;
+
+const textOf = ({ bytes, bits }) => `${addressText(bytes)}/${bits}`;
+
+// One that lies within the IPv6 form of IPv4 addresses is a prefix of those; of one that reaches beyond that form no more is
+// kept than its bits, so that it cannot be taken for such a one.
+function plainPrefix(bytes, bits) {
+  if (!isIPv4(bytes)) return { bytes, bits };
+  if (bits >= 96) return { bytes, bits: bits - 96 };
+  return { bytes: bytes.map((byte, i) => byte & maskAt(i, bits)), bits };
 }
 
 /**
@@ -51,10 +68,31 @@ export function parsePrefix(text) {
   const [address, length, more] = text.trim().split('/');
   const bytes = parseAddress(address);
   if (!bytes || more !== undefined || (length !== undefined && !/^\d{1,3}$/.test(length))) return null;
-  const most = isIPv4(bytes) && address.includes('.') ? 32 : 128;
+  const most = address.includes(':') ? 128 : 32;
   const bits = length === undefined ? most : Number(length);
-  return bits <= most ? { bytes, bits } : null;
+  if (bits > most) return null;
+  return most === 32 ? { bytes, bits } : plainPrefix(bytes, bits);
 }
+
+/**
+ * Whether a server that allows these prefixes lets an address in. An IPv4 address lies in prefixes of both kinds, since it has
+ * an IPv6 form; no other address lies in a prefix of IPv4.
+ * @param {string[]} allowed
+ * @param {Uint8Array} address  16 bytes.
+ */
+export function admits(allowed, address) {
+  return allowed.length === 0 || allowed.some((text) => liesIn(parsePrefix(text), address));
+}
+
+function liesIn({ bytes, bits }, address) {
+  if (!isIPv4(bytes)) return agree(bytes, address, bits);
+  return isIPv4(address) && agree(bytes, address, bits + 96);
+}
+
+const agree = (a, b, bits) => a.every((byte, i) => ((byte ^ b[i]) & maskAt(i, bits)) === 0);
+
+/** Whether two records have the same values, however they are written. */
+export const isSame = (a, b) => JSON.stringify(writeRecord(a)) === JSON.stringify(writeRecord(b));
 
 function prefixMessage({ bytes, bits }) {
   if (!isIPv4(bytes)) return { a3: bytes, u4: bits };
