@@ -277,6 +277,7 @@ void Handler::notify(message change) {
   if (subscriberCount() == 0) return;
   if (shouldNotify(change)) return tell(change);
   subscriptions_->untold.push_back(std::move(change));
+  if (looper_ != nullptr) looper_->switchboard_->expectUntold();
   if (subscriptions_->untold.size() >= maxUntold) flush();
 }
 

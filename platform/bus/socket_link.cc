@@ -166,7 +166,8 @@ void SocketLink::giveUp(std::string_view reason) {
 }
 
 bool SocketLink::resume() {
-  if (reader_.hasFrame()) deliver();
+  if (!reader_.hasFrame()) return false;
+  deliver();
   return reader_.hasFrame();
 }
 

@@ -56,6 +56,7 @@ void Switchboard::addHandler(std::uint32_t id, Handler& handler) {
   handlers_[id] = &handler;
   handler.looper_ = &looper_;
   handler.id_ = id;
+  untold_ = untold_ || handler.hasUntold();
   handler.attached(looper_, id);
 }
 
@@ -99,6 +100,7 @@ void Switchboard::tellDisconnected(message& msg) {
 void Switchboard::flushHandlers() {
   const auto hasUntold = [](const auto& entry) { return entry.second->hasUntold(); };
   if (std::ranges::any_of(handlers_, hasUntold)) forEachHandler([](Handler& handler) { handler.flush(); });
+  untold_ = std::ranges::any_of(handlers_, hasUntold);
 }
 
 // ---- Going out
@@ -384,7 +386,7 @@ bool Switchboard::finishTurn() {
   arrived_.clear();
   dispatchKept();
   const bool more = link_.resume();
-  flushHandlers();
+  if (untold_) flushHandlers();
   link_.flush();
   return more || !kept_.empty();
 }

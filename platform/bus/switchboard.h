@@ -59,6 +59,9 @@ class Switchboard : public BusLink::Sink {
   // Passes the notice that a session ended on to every handler but the looper.
   void tellDisconnected(message& msg);
 
+  // A handler has something to tell at the end of the turn.
+  void expectUntold() { untold_ = true; }
+
   // What is due between two turns of the loop. True: messages are left over, so the next turn must not wait.
   bool finishTurn();
 
@@ -125,6 +128,7 @@ class Switchboard : public BusLink::Sink {
   std::list<ControlPost> controls_;
   Observer observer_;
   Exchange* exchange_ = nullptr;  // the wait that is going on
+  bool untold_ = false;           // some handler may have something to tell
   std::deque<Message> kept_;
   std::size_t keptBytes_ = 0;
   // Descriptors that arrived and that no handler has taken: closed when the dispatch that brought them ends. Those that

@@ -151,19 +151,24 @@ void TimerQueue::runExpired(Clock::time_point now) {
 }
 
 Timer::Lane& TimerQueue::lane(std::uint32_t ms) {
+  if (lastLane_ != nullptr && lastLane_->ms == ms) return *lastLane_;
   const auto find = [this, ms] {
     return std::find_if(lanes_.begin(), lanes_.end(), [ms](const auto& lane) { return lane->ms >= ms; });
   };
   auto place = find();
-  if (place != lanes_.end() && (*place)->ms == ms) return **place;
-  if (lanes_.size() >= keptLanes) {
-    dropEmptyLanes();
-    place = find();
+  if (place == lanes_.end() || (*place)->ms != ms) {
+    if (lanes_.size() >= keptLanes) {
+      dropEmptyLanes();
+      place = find();
+    }
+    place = lanes_.insert(place, std::make_unique<Timer::Lane>(*this, ms));
   }
-  return **lanes_.insert(place, std::make_unique<Timer::Lane>(*this, ms));
+  lastLane_ = place->get();
+  return *lastLane_;
 }
 
 void TimerQueue::dropEmptyLanes() {
+  lastLane_ = nullptr;
   std::erase_if(lanes_, [](const std::unique_ptr<Timer::Lane>& lane) { return lane->head == nullptr; });
 }
 

@@ -42,6 +42,8 @@ class TimerQueue {
   void setNow(Clock::time_point now);
 
   [[nodiscard]] std::optional<Clock::time_point> nextDeadline() const;
+  // A time before which no timer expires, at hand without a look at them; the end of time when none was armed.
+  [[nodiscard]] Clock::time_point noneBefore() const { return noneBefore_; }
   // Milliseconds from now() to the next deadline, rounded up so that the wait never ends too early; 0 when it has
   // passed, -1 when no timer is armed.
   [[nodiscard]] int nextTimeout() const;
@@ -66,6 +68,7 @@ class TimerQueue {
   // No timer expires before this: kept with every timer armed, and looked up when it has passed.
   Clock::time_point noneBefore_ = Clock::time_point::max();
   std::vector<std::unique_ptr<Timer::Lane>> lanes_;  // by duration, shortest first
+  Timer::Lane* lastLane_ = nullptr;                  // that was asked for last; most ask for the same
   std::unique_ptr<Timer::Lane> expired_;             // taken from the lanes by runExpired, not run yet
   std::unordered_map<Handle, std::unique_ptr<Owned>> owned_;
   Handle lastHandle_ = 0;
