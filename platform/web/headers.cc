@@ -47,7 +47,7 @@ std::string_view Headers::valueAt(std::size_t i) const {
   return {fields_->text.data() + begin, endOf(i) - lineEnd.size() - begin};
 }
 
-std::size_t Headers::find(std::string_view name, std::size_t from, std::size_t limit) const {
+std::size_t Headers::search(std::string_view name, std::size_t from, std::size_t limit) const {
   const std::size_t count = size();
   const std::size_t end = std::min(limit, count);
   for (std::size_t i = from; i < end; ++i) {
@@ -65,7 +65,8 @@ std::unique_ptr<Headers::Fields> Headers::makeFields() {
 
 void Headers::add(std::string_view name, std::string_view value) {
   if (!fields_) fields_ = makeFields();
-  auto& [text, entries] = *fields_;
+  auto& [text, entries, lengths] = *fields_;
+  lengths |= lengthBit(name);
   const std::size_t end = text.size();
   const std::size_t grown = end + name.size() + separator.size() + value.size() + lineEnd.size();
   entries.push_back({static_cast<std::uint32_t>(end), static_cast<std::uint32_t>(name.size())});
@@ -85,7 +86,8 @@ void Headers::join(std::size_t i, std::string_view value) {
   if (value.empty()) return;
   const std::string_view between = valueAt(i).empty() ? std::string_view() : joint;
   const std::size_t end = endOf(i) - lineEnd.size();
-  auto& [text, entries] = *fields_;
+  auto& text = fields_->text;
+  auto& entries = fields_->entries;
   text.insert(end, value);
   text.insert(end, between);
   const auto grown = static_cast<std::uint32_t>(value.size() + between.size());
@@ -106,7 +108,8 @@ void Headers::addHeader(std::string_view name, std::uint64_t value, bool append)
 
 void Headers::removeHeader(std::string_view name) {
   for (std::size_t i = find(name); i < size(); i = find(name, i)) {
-    auto& [text, entries] = *fields_;
+    auto& text = fields_->text;
+    auto& entries = fields_->entries;
     const std::size_t length = endOf(i) - entries[i].offset;
     text.erase(entries[i].offset, length);
     entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(i));
@@ -190,5 +193,6 @@ void Headers::clear() {
   } else {
     fields_->text.clear();
     fields_->entries.clear();
+    fields_->lengths = 0;
   }
 }

@@ -74,7 +74,10 @@ class Headers {
   struct Fields {
     std::string text;
     std::vector<Entry> entries;
+    // Of the names so far: most questions are for fields that are not there, and end here.
+    std::uint64_t lengths = 0;
   };
+  [[nodiscard]] static std::uint64_t lengthBit(std::string_view name) { return std::uint64_t{1} << (name.size() % 64); }
   [[nodiscard]] static std::unique_ptr<Fields> makeFields();
   // Of a field that there is.
   [[nodiscard]] std::size_t endOf(std::size_t i) const {
@@ -83,7 +86,10 @@ class Headers {
   [[nodiscard]] std::string_view nameAt(std::size_t i) const;
   [[nodiscard]] std::string_view valueAt(std::size_t i) const;
   // Index of the first field of that name from `from` to below `limit`; size() when there is none.
-  [[nodiscard]] std::size_t find(std::string_view name, std::size_t from = 0, std::size_t limit = SIZE_MAX) const;
+  [[nodiscard]] std::size_t find(std::string_view name, std::size_t from = 0, std::size_t limit = SIZE_MAX) const {
+    return fields_ && (fields_->lengths & lengthBit(name)) != 0 ? search(name, from, limit) : size();
+  }
+  [[nodiscard]] std::size_t search(std::string_view name, std::size_t from, std::size_t limit) const;
   void add(std::string_view name, std::string_view value);
   void join(std::size_t i, std::string_view value);
   [[nodiscard]] bool takeContentLength(std::string_view name, std::string_view value);
