@@ -113,6 +113,7 @@ class Harness {
     constexpr int little = 4096;
     setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
     peer_ = UniqueFd(ends[1]);
+    runner_.atHand = tn::writable;  // as it is with a new socket
     fd_ = ends[0];
     Connection& made = createConnection(site_, UniqueFd(ends[0]), tls, local, runner_);
     connection_ = &made;
@@ -171,6 +172,9 @@ class Harness {
       case 202:
       case 203:
         return begin(code == 203, code == 202);
+      case 204:
+        runner_.atHand ^= tn::writable;
+        return;
       default:
         return;
     }

@@ -66,7 +66,11 @@ void Connection::handleEvents(unsigned events) {
     return;
   }
   if ((events & tn::readable) != 0) onReadable();
-  if ((events & tn::writable) != 0) onWritable();
+  // Who has read a question writes the answer at once, while all it works with is at hand.
+  const bool mayWrite =
+      (events & tn::writable) != 0 || (state_ == State::Writing && runner_.isReady(socket_.get(), tn::writable));
+  if (mayWrite) onWritable();
+  if (state_ == State::Writing) watch(tn::writable);
 }
 
 void Connection::close() {
@@ -153,6 +157,7 @@ void Connection::runRequestEnd() {
 void Connection::park() {
   state_ = State::Dispatched;
   runner_.removeSocket(socket_.get());
+  watched_ = 0;
   idleTimer_.cancel();
   if (work_->buffer.capacity() > Workspace::maxKeptBuffer) std::string().swap(work_->buffer);
   response_.onComplete = [this] { complete(); };
@@ -161,6 +166,7 @@ void Connection::park() {
 void Connection::complete() {
   if (state_ == State::Dispatched) {
     writeResponse();
+    watch(tn::writable);
   } else if (state_ == State::Closed) {
     destroy();
   }
@@ -169,6 +175,7 @@ void Connection::complete() {
 
 // A parked connection's socket is not watched, so there is nothing to change.
 void Connection::watch(unsigned mask) {
+  if (std::exchange(watched_, mask) == mask) return;
   const int fd = socket_.get();
   if (runner_.changeSocket(fd, mask)) return;
   runner_.addNonBlocking(fd, mask, [this](int socket, unsigned events) { onSocketEvent(socket, events); });

@@ -101,6 +101,7 @@ class Connection {
   [[nodiscard]] Scan scanLines(std::size_t scanFrom, std::size_t& lineStart);
   [[nodiscard]] Scan takeLine(std::string_view line);
   [[nodiscard]] Scan keepPartialLine(std::size_t lineStart);
+  void dropFront(std::size_t count);
   void refuse();
   void dispatch();
 
@@ -144,6 +145,7 @@ class Connection {
   std::list<Connection>::iterator self_;  // its place among all
   bool announced_ = false;                // the bytes just read begin a request, and were there at the runner's wait
   bool newsHeard_ = false;                // and so had been all news before them
+  unsigned watched_ = tn::readable;       // what the runner was told to watch the socket for; 0 while it is parked
   std::uint32_t bodyRoom_ = 0;            // in ReadBody: what the buffer may grow to
 };
 

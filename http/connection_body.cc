@@ -1,6 +1,5 @@
 // A POST's body: pieces to the consumer that the servlet has set.
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "http/connection.h"
@@ -49,8 +48,7 @@ void Connection::pumpBody() {
       return;
     }
   }
-  fill_ -= static_cast<std::uint32_t>(done);
-  std::memmove(work_->buffer.data(), work_->buffer.data() + done, fill_);
+  dropFront(done);
   // What came with the head may have been more than the room, which holds from now on.
   if (fill_ == work_->buffer.size() || work_->buffer.size() > bodyRoom_) {
     setLength(std::min<std::size_t>(bodyRoom_, 2 * work_->buffer.size()));

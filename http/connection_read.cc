@@ -98,8 +98,7 @@ void Connection::readHead(std::size_t scanFrom) {
       return;
     case Scan::complete:
       // What follows the header block is the beginning of a body.
-      fill_ -= static_cast<std::uint32_t>(lineStart);
-      work_->buffer.erase(0, lineStart);
+      dropFront(lineStart);
       setLength(fill_);
       state_ = State::Dispatched;
       dispatch();
@@ -141,10 +140,15 @@ Connection::Scan Connection::takeLine(std::string_view line) {
 // Keeps the line that has no end yet. Both limits count what was held before, the lines taken from this read included.
 Connection::Scan Connection::keepPartialLine(std::size_t lineStart) {
   if (fill_ > maxHeldBytes) return Scan::malformed;
-  std::memmove(work_->buffer.data(), work_->buffer.data() + lineStart, fill_ - lineStart);
   if (work_->buffer.size() - fill_ <= leastRoom) setLength(2 * work_->buffer.size());
-  fill_ -= static_cast<std::uint32_t>(lineStart);
+  dropFront(lineStart);
   return Scan::incomplete;
+}
+
+// Of the bytes held, not of the room behind them.
+void Connection::dropFront(std::size_t count) {
+  fill_ -= static_cast<std::uint32_t>(count);
+  if (fill_ != 0) std::memmove(work_->buffer.data(), work_->buffer.data() + count, fill_);
 }
 
 // What follows a request that cannot be parsed must not be taken for another one.
@@ -167,7 +171,7 @@ void Connection::dispatch() {
 
   fileAnswers().beginRequest(runner_, announced_, newsHeard_);
   const Target target = splitTarget(request_.uri);
-  request_.query.assign(target.query);
+  if (!target.query.empty()) request_.query.assign(target.query);
   const ServletChoice choice = chooseServlet(server_, target.path);
   forgetFile();
   if (choice.servlet == nullptr) {

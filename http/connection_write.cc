@@ -59,11 +59,9 @@ void Connection::writeResponse() {
   idleTimer_.start(runner_.timers(), idleLimitMs);
   state_ = State::Writing;
   if (bodyReceived_ != bodyLength_) response_.keepAlivePermitted = false;
-  out_ = {};
   work_->buffer.clear();
   buildResponse(request_, response_, runner_, work_->buffer, out_);
   server_.counters.countResponse(response_.status);
-  watch(tn::writable);
 }
 
 void Connection::onWritable() {

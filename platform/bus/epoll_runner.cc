@@ -81,9 +81,9 @@ EpollRunner::EpollRunner(unsigned eventsPerWait, unsigned roundsPerTurn)
   }
 }
 
-EpollRunner::Slot* EpollRunner::find(int fd) {
+const EpollRunner::Slot* EpollRunner::find(int fd) const {
   if (fd < 0 || static_cast<std::size_t>(fd) >= slots_.size()) return nullptr;
-  Slot& slot = slots_[static_cast<std::size_t>(fd)];
+  const Slot& slot = slots_[static_cast<std::size_t>(fd)];
   return slot.watched ? &slot : nullptr;
 }
 
@@ -217,6 +217,11 @@ void EpollRunner::drained(int fd, unsigned bits) {
   enqueue(fd, *slot);
 }
 
+bool EpollRunner::isReady(int fd, unsigned bits) const {
+  const Slot* slot = find(fd);
+  return slot != nullptr && slot->cached && (slot->ready & bits) == bits;
+}
+
 bool EpollRunner::addNews(int fd, bool urgent, const std::function<void()>& hear) {
   Slot* slot = occupy(fd, 0, false);
   if (slot == nullptr) return false;
@@ -251,6 +256,7 @@ bool EpollRunner::turn(bool mayWait) {
 
 // For epoll_wait: as long as it takes when the alarm ends it in time.
 int EpollRunner::timeToWait() {
+  if (alarmAt_ <= timers().noneBefore()) return -1;
   const auto deadline = timers().nextDeadline();
   if (!deadline || alarmAt_ <= *deadline) return -1;
   timers().setNow(Clock::now());
@@ -311,9 +317,10 @@ bool EpollRunner::callReady() {
     auto next = round_.begin();
     while (next != round_.end() && timers().now() == began)
       call(*next++);
-    pending_.insert(pending_.begin(), next, round_.end());
+    const bool all = next == round_.end();
+    if (!all) pending_.insert(pending_.begin(), next, round_.end());
     round_.clear();
-    if (timers().now() != began) return false;
+    if (!all || timers().now() != began) return false;
   }
   return true;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <sys/epoll.h>
+#include <utility>
 #include <vector>
 
 #include "platform/bus/thin_runner.h"
@@ -50,6 +51,7 @@ class EpollRunner : public ThinRunner {
   bool removeSocket(int fd) override;
   bool forgetSocket(int fd) override;
   void drained(int fd, unsigned bits) override;
+  [[nodiscard]] bool isReady(int fd, unsigned bits) const override;
   bool addNews(int fd, bool urgent, const std::function<void()>& hear) override;
 
   // Does not wait either while sockets are left over from the last turn. A signal ends the wait and is no failure.
@@ -78,7 +80,8 @@ class EpollRunner : public ThinRunner {
     std::uint32_t generation;
   };
 
-  [[nodiscard]] Slot* find(int fd);
+  [[nodiscard]] const Slot* find(int fd) const;
+  [[nodiscard]] Slot* find(int fd) { return const_cast<Slot*>(std::as_const(*this).find(fd)); }
   [[nodiscard]] Slot* find(const Entry& entry);
   [[nodiscard]] Slot* occupy(int fd, unsigned mask, bool cached);
   [[nodiscard]] int timeToWait();

@@ -63,6 +63,9 @@ class ThinRunner {
   // For cached sockets: a read or write of this socket took less than it was offered, or failed with EAGAIN, so `bits`
   // have to be announced by the kernel again before the next call.
   virtual void drained(int fd, unsigned bits) = 0;
+  // For cached sockets: whether one is known to be ready for all of `bits`, so that what they are for can be done now,
+  // without a change of the mask and a call. False: that is not known.
+  [[nodiscard]] virtual bool isReady(int /*fd*/, unsigned /*bits*/) const { return false; }
   // Watches a descriptor for news that the other callbacks rely on: as soon as a wait has told of something to read, or
   // with `urgent` of something exceptional alone (EPOLLPRI), `hear` is called, before any socket is. It takes in all
   // that there is and does not come back to the runner. Ends with removeSocket. False: this runner knows no news, or

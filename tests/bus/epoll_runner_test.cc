@@ -206,8 +206,11 @@ TEST_F(EpollRunnerTest, ASocketThatWasFullIsToldWhenThereIsRoom) {
         written += full ? 0 : static_cast<std::size_t>(count);
       },
       Trigger::cached));
+  EXPECT_TRUE(runner.isReady(pair.here.get(), writable));
+  EXPECT_FALSE(runner.isReady(pair.here.get(), readable | writable));
   while (!full)
     turn();
+  EXPECT_FALSE(runner.isReady(pair.here.get(), writable));
   told.clear();
   turn();
   EXPECT_EQ(told, nothing);
@@ -215,6 +218,17 @@ TEST_F(EpollRunnerTest, ASocketThatWasFullIsToldWhenThereIsRoom) {
     got += readSome(pair.there.get(), much.size()).size();
   turn();
   EXPECT_FALSE(told.empty());
+  EXPECT_TRUE(runner.isReady(pair.here.get(), writable));
+}
+
+TEST_F(EpollRunnerTest, NothingIsKnownToBeReadyOfALevelSocket) {
+  const Pair pair;
+  runner.addSocket(pair.here.get(), writable, note());
+  turn();
+  EXPECT_FALSE(told.empty());
+  EXPECT_FALSE(runner.isReady(pair.here.get(), writable));
+  EXPECT_FALSE(runner.isReady(pair.there.get(), writable));
+  EXPECT_FALSE(runner.isReady(-1, writable));
 }
 
 TEST_F(EpollRunnerTest, InterestThatComesLaterMeetsRememberedReadiness) {

@@ -41,6 +41,16 @@ TEST(FakeRunnerTest, RecordsCallsAndTheirResults) {
   EXPECT_FALSE(runner.watched(77));
 }
 
+TEST(FakeRunnerTest, SaysWhatIsAtHand) {
+  FakeRunner runner;
+  EXPECT_TRUE(runner.addSocket(77, readable, [](int, unsigned) {}));
+  EXPECT_FALSE(runner.isReady(77, writable));
+  runner.atHand = writable;
+  EXPECT_TRUE(runner.isReady(77, writable));
+  EXPECT_FALSE(runner.isReady(77, readable | writable));
+  EXPECT_FALSE(runner.isReady(78, writable));
+}
+
 TEST(FakeRunnerTest, ACallbackMayRemoveItself) {
   FakeRunner runner;
   int calls = 0;

@@ -66,6 +66,10 @@ class FakeRunner : public ThinRunner {
     calls.push_back({Operation::drained, fd, bits, sockets_.contains(fd)});
   }
 
+  [[nodiscard]] bool isReady(int fd, unsigned bits) const override {
+    return sockets_.contains(fd) && (atHand & bits) == bits;
+  }
+
   // Nothing is ever ready by itself: a loop that runs on this runner ends at once.
   [[nodiscard]] bool turn(bool) override { return false; }
 
@@ -108,6 +112,7 @@ class FakeRunner : public ThinRunner {
   }
 
   std::vector<Call> calls;
+  unsigned atHand = 0;         // what every socket is known to be ready for
   bool refuseAdds = false;     // as a kernel that has no room for more
   bool refuseChanges = false;  // as one that has no memory for it
 
