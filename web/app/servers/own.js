@@ -83,6 +83,8 @@ async function tryOut(session, before, same, tell) {
   }
   tell('Looking whether this browser can still come in …');
   if (!(await canComeIn())) return outcome(lockedOut);
+  // What came in when the trial was over proves nothing.
+  if (Date.now() >= end) return outcome('It took too long to find out whether this browser can still come in.');
   const kept = await session.call(path, commands.set, writeRecord(same));
   if (kept.error) return outcome(failureText(kept.error));
   return kept.reply.s10 ? takeBack(session, before, problemText(kept.reply.s10)) : null;
