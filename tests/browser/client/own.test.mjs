@@ -4,7 +4,7 @@ import { afterEach, beforeEach, mock, test } from 'node:test';
 
 import { changeOwn } from '../../../web/app/servers/own.js';
 import { readRecord, writeRecord } from '../../../web/app/servers/record.js';
-import { Failure, commands } from '../../../web/client/index.js';
+import { Failure, commands, parseAddress } from '../../../web/client/index.js';
 
 const before = { name: 'http', enabled: true, port: 80, certificate: 1, allowed: ['127.0.0.0/8'] };
 const wanted = { ...before, allowed: ['10.0.0.0/8'] };
@@ -113,7 +113,76 @@ test('what keeps the browser out is taken back by nobody but the manager', async
 test('who comes in after the trial has proved nothing', async () => {
   comesIn = () => valuesOf(manager.record).M6[0].u1 === 0x7f000000;
   const { wrong } = await passing(make(wanted), 60000);
-  assert.equal(wrong, 'It took too long to find out whether this browser can still come in. Nothing has been changed.');
+  assert.equal(wrong, 'The trial was over before this browser had come in. Nothing has been changed.');
   assert.equal(manager.sets.length, 1);
   assert.deepEqual(valuesOf(manager.record), writeRecord(before));
+});
+
+test('who comes in after the manager was started anew has proved nothing', async () => {
+  comesIn = () => {
+    manager.trial = null;
+    return true;
+  };
+  const { wrong } = await passing(make(wanted), 500);
+  assert.equal(wrong, 'The trial was over before this browser had come in. Nothing has been changed.');
+  assert.equal(manager.sets.length, 1);
+  assert.deepEqual(valuesOf(manager.record), writeRecord(before));
+});
+
+test('another trial than the own one proves nothing', async () => {
+  const other = { ...before, allowed: [] };
+  comesIn = () => {
+    manager.trial.record = writeRecord(other);
+    return true;
+  };
+  const { wrong } = await passing(make(wanted), 500);
+  assert.equal(wrong, 'The trial was over before this browser had come in. Nothing has been changed.');
+  assert.equal(manager.sets.length, 1);
+});
+
+test('when the answers are lost the record tells what has become of it', async () => {
+  const answering = manager.call;
+  const lost = new Failure('unreachable', 'no answer');
+  for (const [losing, expected] of [
+    [(fields) => 'u12' in fields, { wrong: 'The server does not answer. Nothing has been changed.' }],
+    [(fields) => !('u12' in fields), {}],
+  ]) {
+    manager = new Manager();
+    manager.call = async (path, command, fields) => {
+      const answer = await answering.call(manager, path, command, fields);
+      return command === commands.set && losing(fields) ? { error: lost } : answer;
+    };
+    assert.deepEqual(await passing(make(wanted), 500), expected);
+  }
+});
+
+test('what the servers cannot take is taken back at once', async () => {
+  const answering = manager.call;
+  manager.call = async (path, command, fields) => {
+    const answer = await answering.call(manager, path, command, fields);
+    return fields.u12 ? { reply: { s10: 'cannot bind service connection' } } : answer;
+  };
+  const { wrong } = await passing(make(wanted), 500);
+  assert.equal(wrong, 'The port is taken by something else, or may not be used. Nothing has been changed.');
+  assert.equal(manager.trial, null);
+  assert.deepEqual(valuesOf(manager.record), writeRecord(before));
+});
+
+test('what is refused has not been tried', async () => {
+  manager.call = async () => ({ error: new Failure('service', 'not allowed', 0xfe0009) });
+  const { wrong } = await passing(make(wanted), 500);
+  assert.equal(wrong, 'Not allowed. Nothing has been changed.');
+});
+
+test('an address that is not among the wanted ones is not even tried', async () => {
+  const knowing = (address) => ({ call: async () => ({ reply: { M1: [{ u1: 1 }, { u1: 2, b7: true, a3: parseAddress(address) }] } }) });
+  const tell = (text) => said.push(text);
+  const { wrong } = await passing(changeOwn(manager, knowing('127.0.0.1'), before, wanted, tell), 500);
+  assert.equal(wrong, 'This browser would have been locked out. Nothing has been changed.');
+  assert.equal(manager.sets.length, 0);
+  // Nobody knows who is behind a relay; and who came in past the prefixes is not judged by them.
+  for (const address of ['::', '192.0.2.1']) {
+    manager = new Manager();
+    assert.deepEqual(await passing(changeOwn(manager, knowing(address), before, wanted, tell), 500), {});
+  }
 });

@@ -83,8 +83,11 @@ async function tryOut(session, before, same, tell) {
   }
   tell('Looking whether this browser can still come in …');
   if (!(await canComeIn())) return outcome(lockedOut);
-  // What came in when the trial was over proves nothing.
-  if (Date.now() >= end) return outcome('It took too long to find out whether this browser can still come in.');
+  // What came in when the trial was over proves nothing, whether this machine slept meanwhile or the manager was started anew.
+  const seen = await session.call(path, commands.get, { s1: before.name });
+  if (seen.error) return outcome(failureText(seen.error));
+  const now = readRecord(seen.reply);
+  if (!now.trial || !isSame(now, same)) return outcome('The trial was over before this browser had come in.');
   const kept = await session.call(path, commands.set, writeRecord(same));
   if (kept.error) return outcome(failureText(kept.error));
   return kept.reply.s10 ? takeBack(session, before, problemText(kept.reply.s10)) : null;
