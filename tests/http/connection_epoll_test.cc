@@ -11,11 +11,12 @@
 #include "platform/bus/epoll_runner.h"
 #include "tests/http/connection_fixture.h"
 
-// The loop's clock stands still (the linker puts this in the place of the real one), so that no time limit ends a
-// connection here however slow the machine is.
+// The loop's clock stands still but where a test moves it (the linker puts this in the place of the real one), so that
+// no time limit ends a connection here however slow the machine is.
+std::chrono::steady_clock::duration timePassed{};
 std::chrono::steady_clock::time_point frozenClock() asm("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
 std::chrono::steady_clock::time_point frozenClock() {
-  return {};
+  return std::chrono::steady_clock::time_point(timePassed);
 }
 
 namespace {
@@ -80,6 +81,8 @@ class ConnectionEpollTest : public testing::Test {
     ADD_FAILURE() << "nothing more comes after " << all.size() << " bytes";
     return {};
   }
+
+  [[nodiscard]] std::uint64_t sent() const { return site_.counters.bytesWritten; }
 
   tn::EpollRunner runner;
   Peer peer;
@@ -154,6 +157,45 @@ TEST_F(ConnectionEpollTest, WaitsForASlowReaderWithoutSpinning) {
   EXPECT_EQ(part.size(), 100000U);
   EXPECT_EQ(callsAtRest(), 0);
   EXPECT_TRUE(receive(bytes_.size(), part).body == bytes_);
+}
+
+// However much the kernel could take: who is not told of room for two seconds ends the connection.
+TEST_F(ConnectionEpollTest, HearsOfEachBitThatASlowReaderTakes) {
+  for (const bool cached : {false, true}) {
+    cached_ = cached;
+    open();
+    peer.send("GET /file HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(callsAtRest(), 0);
+    std::string all;
+    for (int part = 0; part < 10; ++part) {
+      timePassed += std::chrono::milliseconds(500);
+      const int before = calls;
+      const std::size_t wanted = all.size() + 300000;
+      while (all.size() < wanted) {
+        const std::string more = peer.receive(4096);
+        ASSERT_FALSE(more.empty());
+        all += more;
+        turn(1);
+      }
+      EXPECT_GT(calls, before) << "with " << all.size() << " bytes taken";
+    }
+    EXPECT_TRUE(receive(bytes_.size(), all).body == bytes_);
+    peer.close();
+    endAllConnections();
+  }
+}
+
+// To the kernel's liking, which saves calls.
+TEST_F(ConnectionEpollTest, GivesAFastReaderMuchAtOnce) {
+  open();
+  for (int i = 0; i < 2; ++i) {
+    peer.send("GET /file HTTP/1.1\r\n\r\n");
+    EXPECT_TRUE(receive(bytes_.size()).body == bytes_);
+  }
+  peer.send("GET /file HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(callsAtRest(), 0);
+  constexpr std::uint64_t moreThanOnce = std::uint64_t{17} << 20;
+  EXPECT_GT(sent(), moreThanOnce);
 }
 
 TEST_F(ConnectionEpollTest, RestsWhileNothingComes) {
