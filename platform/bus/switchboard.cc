@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <fcntl.h>
@@ -122,8 +123,11 @@ UniqueFd Switchboard::takeDescriptor(const message& msg) {
 UniqueFd Switchboard::adoptDescriptor(message& msg) {
   const auto number = msg.get(field::descriptor);
   if (!number) return UniqueFd();
-  const int fd = *number <= INT_MAX ? static_cast<int>(*number) : -1;
-  if (fcntl(fd, F_GETFD) >= 0) return UniqueFd(fd);
+  if (*number <= INT_MAX) {
+    const int fd = static_cast<int>(*number);
+    // Only this one failure says that there is no such descriptor: with any other it must be closed some time.
+    if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) return UniqueFd(fd);
+  }
   msg.remove(field::descriptor);
   return UniqueFd();
 }

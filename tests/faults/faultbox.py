@@ -46,7 +46,7 @@ ERRORS = {
     "getsockopt": ("ENOBUFS", "ENOPROTOOPT"),
     "getsockname": ("ENOBUFS",),
     "getpeername": ("ENOBUFS", "ENOTCONN"),
-    "fcntl": ("EINTR", "EBADF"),
+    "fcntl": ("EINTR", "ENOLCK"),
     "ioctl": ("ENOTTY",),
     "poll": ("EINTR", "ENOMEM"),
     "signalfd": (*DESCRIPTORS, "ENOMEM"),
