@@ -156,6 +156,16 @@ test('when the answers are lost the record tells what has become of it', async (
   }
 });
 
+test('a record that somebody removes meanwhile is not waited for', async () => {
+  const answering = manager.call;
+  manager.call = async (path, command, fields) =>
+    command === commands.get ? { error: new Failure('service', 'no such service', 0xfe0006) } : answering.call(manager, path, command, fields);
+  comesIn = () => false;
+  const { wrong } = await passing(make(wanted), 500);
+  assert.match(wrong, /^This browser would have been locked out\. /);
+  assert.doesNotMatch(wrong, /Nothing has been changed/);
+});
+
 test('what the servers cannot take is taken back at once', async () => {
   const answering = manager.call;
   manager.call = async (path, command, fields) => {

@@ -102,7 +102,8 @@ async function untilOver(session, before, same, wrong, end, tell) {
   while (session.state.name === 'online' || session.state.name === 'lost') {
     await new Promise((resolve) => setTimeout(resolve, lookPause));
     session.retryNow();
-    const { reply } = await session.call(path, commands.get, { s1: before.name });
+    const { reply, error } = await session.call(path, commands.get, { s1: before.name });
+    if (isRefusal(error)) return `${wrong} ${failureText(error)}`;
     const now = reply && readRecord(reply);
     if (!now || now.trial) continue;
     if (isSame(now, same)) return null;
