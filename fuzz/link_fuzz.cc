@@ -63,7 +63,7 @@ class Busy : public tn::Handler {
     waiting_ = true;
     tn::message question;
     question.insert_vector(tn::field::destination, std::array{neighbour, busyId});
-    const tn::message answer = exchangeMessage(question, 1);
+    const tn::message answer = exchangeMessage(question, 0);
     waiting_ = false;
     return tn::isError(answer) ? answer : msg;
   }
