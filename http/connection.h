@@ -12,6 +12,7 @@
 #include "http/workspace.h"
 #include "platform/bus/thin_runner.h"
 #include "platform/bus/timer.h"
+#include "platform/client_pace.h"
 #include "platform/unique_fd.h"
 #include "platform/web/request.h"
 #include "platform/web/response.h"
@@ -78,13 +79,6 @@ class Connection {
   friend Connection& createConnection(Site& site, UniqueFd socket, bool tls, bool unixListener, tn::ThinRunner& runner);
   friend void endAllConnections();
 
-  // Whether the client takes large files slowly; asked once for a connection.
-  enum class Pace : std::uint8_t {
-    unknown,
-    asked,  // a large file has begun
-    full,   // and the socket took no more of it
-    known,
-  };
   // What a look at the bytes read so far has found.
   enum class Scan : std::uint8_t { incomplete, complete, malformed };
 
@@ -124,8 +118,6 @@ class Connection {
   void onWritable();
   [[nodiscard]] std::string_view wholeResponse() const;
   [[nodiscard]] bool writeHead();
-  void askPace();
-  void judgePace();
   [[nodiscard]] bool writeFile();
   void onWriteFailed();
   void onWritten();
@@ -155,8 +147,7 @@ class Connection {
   bool announced_ = false;                // the bytes just read begin a request, and were there at the runner's wait
   bool newsHeard_ = false;                // and so had been all news before them
   unsigned watched_ = tn::readable;       // what the runner was told to watch the socket for; 0 while it is parked
-  Pace pace_ = Pace::unknown;
-  tn::Clock::time_point fullSince_;
+  ClientPace pace_;
   std::uint32_t bodyRoom_ = 0;  // in ReadBody: what the buffer may grow to
 };
 

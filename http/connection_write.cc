@@ -2,9 +2,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -16,16 +13,7 @@
 
 namespace {
 
-// Left to itself the kernel takes megabytes of a file and tells of room only when a third of them has left, which a
-// slow client needs longer for than a connection may be silent. So of the first large file of a connection it takes
-// this much beyond what it has sent; and when the client does not soon have half of that, this is how it stays.
 constexpr std::uint32_t largeFile = 262144;
-constexpr int firstUnsent = 131072;
-constexpr std::chrono::milliseconds soon{50};
-
-void limitUnsent(int socket, int bytes) {  // a local socket refuses it, and does not need it: its buffer is small
-  setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &bytes, sizeof bytes);
-}
 
 // What is left of head and text, and with them the file when the cache has it mapped: all of it goes in one call.
 //
@@ -80,7 +68,7 @@ void Connection::writeResponse() {
 
 void Connection::onWritable() {
   if (state_ != State::Writing) return;
-  if (pace_ == Pace::full) judgePace();
+  pace_.room(socket_.get(), runner_.timers().now());
   if (out_.sent < work_->buffer.size() + out_.text.size() && !writeHead()) return;
   if (out_.fileRemaining != 0 && !writeFile()) return;
   onWritten();
@@ -103,7 +91,7 @@ bool Connection::writeHead() {
   } else {
     HeadPieces pieces(work_->buffer, out_);
     offered = pieces.size();
-    if (pieces.fileFollows() && out_.fileRemaining > largeFile && pace_ == Pace::unknown) askPace();
+    if (pieces.fileFollows() && out_.fileRemaining > largeFile) pace_.begin(socket_.get());
     // With a file to follow, the kernel keeps the head back, so that both share their segments.
     count = sendmsg(socket_.get(), pieces.message(), pieces.fileFollows() ? MSG_MORE : 0);
   }
@@ -119,17 +107,6 @@ bool Connection::writeHead() {
   out_.fileOffset += static_cast<off_t>(written - ofHead);
   out_.fileRemaining -= static_cast<std::uint32_t>(written - ofHead);
   return written == offered;
-}
-
-void Connection::askPace() {
-  limitUnsent(socket_.get(), firstUnsent);
-  pace_ = Pace::asked;
-}
-
-// There is room again.
-void Connection::judgePace() {
-  if (runner_.timers().now() - fullSince_ <= soon) limitUnsent(socket_.get(), 0);
-  pace_ = Pace::known;
 }
 
 // True: the file has left.
@@ -153,10 +130,7 @@ void Connection::onWriteFailed() {
   if (errno == EINTR) return;  // sendfile, before its first byte: the runner calls again
   if (errno == EAGAIN) {
     runner_.drained(socket_.get(), tn::writable);
-    if (pace_ == Pace::asked) {
-      pace_ = Pace::full;
-      fullSince_ = runner_.timers().now();
-    }
+    pace_.full(runner_.timers().now());
     return;
   }
   logSystemError("write");

@@ -9,6 +9,7 @@
 
 #include "platform/bus/thin_runner.h"
 #include "platform/bus/timer.h"
+#include "platform/client_pace.h"
 #include "platform/unique_fd.h"
 #include "services/tlsd/block.h"
 #include "services/tlsd/counters.h"
@@ -113,6 +114,7 @@ class Session {
   bool upShut_ = false;            // the server was told of the peer's end
   bool endSent_ = false;           // and the peer of the server's
   bool readWaitsForRoom_ = false;  // a read has to write first
+  ClientPace pace_;                // of the peer
 };
 
 }  // namespace tlsd

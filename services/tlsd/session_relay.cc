@@ -11,7 +11,10 @@ void Session::relaySocket(unsigned events) {
   // Both directions have ended under a peer that had only ended its own: it was cut off.
   if ((events & tn::hangUp) != 0 && peerEnded_) return cut(Failure::reset);
   if ((events & tn::readable) != 0 || readWaitsForRoom_) pumpUp();
-  if (relaying() && (events & tn::writable) != 0) pumpDown();
+  if (relaying() && (events & tn::writable) != 0) {
+    pace_.room(socket_.get(), owner_.runner_.timers().now());
+    pumpDown();
+  }
   settleRelay();
 }
 
@@ -120,6 +123,7 @@ bool Session::fillDown() {
 
 // True: nothing is left.
 bool Session::flushDown() {
+  pace_.begin(socket_.get());
   while (!down_.empty()) {
     const TlsStream::Transfer transfer = stream_->write(down_.held());
     switch (transfer.result) {
@@ -130,6 +134,7 @@ bool Session::flushDown() {
         break;
       case TlsStream::Result::wantWrite:
         owner_.runner_.drained(socket_.get(), tn::writable);
+        pace_.full(owner_.runner_.timers().now());
         return false;
       case TlsStream::Result::wantRead:  // without renegotiation a write never reads
       case TlsStream::Result::ended:

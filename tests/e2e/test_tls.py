@@ -21,6 +21,8 @@ RELOAD = 0x60001
 # More than all queues between a server and a peer hold, and a file that a slow client of these tests gets through before
 # the server takes it for dead.
 BIG, LARGE = 12 << 20, 3 << 20
+# Bytes of a slow download, and how many of them a second.
+SLOW_PART, SLOW_PACE = 3 << 20, 400_000
 HELLO_HEAD = b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03"
 
 
@@ -148,6 +150,23 @@ class Serving(Https):
             body += connection.read_to_end()
             self.assertEqual(head.status, 200)
             self.assertEqual(body, self.web["large.bin"])
+
+    def test_a_slow_reader_of_a_large_file(self):
+        """More than the kernel holds, at a pace at which a third of what it holds takes longer than a server waits."""
+        with self.connect() as connection:
+            connection.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+            connection.request("/big.bin")
+            head = connection.read_head()
+            body = bytearray(connection.held)
+            begun = time.monotonic()
+            while len(body) < BIG:
+                piece = connection.socket.recv(16384)
+                self.assertTrue(piece, f"the download ended after {len(body)} bytes")
+                body += piece
+                if len(body) < SLOW_PART:
+                    time.sleep(max(0, begun + len(body) / SLOW_PACE - time.monotonic()))
+        self.assertEqual(head.status, 200)
+        self.assertEqual(bytes(body), self.web["big.bin"])
 
     def test_the_answer_to_a_peer_that_sends_no_more(self):
         client, incoming, outgoing = self.memory_client()

@@ -106,6 +106,25 @@ TEST_F(RelayTest, HoldsUpAServerWhosePeerDoesNotRead) {
   EXPECT_EQ(download(link, "and on"), "and on");
 }
 
+// However much the kernel could take: a server that hears of no room for two seconds takes the peer for dead.
+TEST_F(RelayTest, LetsTheServerHearOfEachBitThatASlowPeerTakes) {
+  const Link link = connected();
+  fillFromServer(link);
+  for (int part = 0; part < 10; ++part) {
+    advance(500);
+    std::size_t taken = 0;
+    std::size_t written = 0;
+    while (taken < 350'000) {
+      const std::size_t count = link.peer.read(16384).bytes.size();
+      ASSERT_GT(count, 0U);
+      taken += count;
+      turn(1);
+      written += writePlain(link.plain(), filler_);
+    }
+    EXPECT_GT(written, 0U) << "in part " << part;
+  }
+}
+
 TEST_F(RelayTest, HoldsUpAPeerWhoseServerDoesNotRead) {
   const Link link = connected();
   const std::size_t held = fillFromPeer(link);

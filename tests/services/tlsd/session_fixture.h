@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -99,10 +100,12 @@ class Peer {
       total += count;
     return total;
   }
-  Got read() {
+  // All that has come, or what of it makes up this much.
+  Got read(std::size_t enough = SIZE_MAX) {
     Got got;
     std::array<char, 65536> room;
     while (true) {
+      if (got.bytes.size() >= enough) return got;
       std::size_t count = 0;
       ERR_clear_error();
       const int returned = SSL_read_ex(ssl_.get(), room.data(), room.size(), &count);
