@@ -211,6 +211,7 @@ test('over https everything works as well, files too', async () => {
   const trusting = await launch('--ignore-certificate-errors');
   const page = await (await newContext(trusting)).newPage();
   await page.goto(process.env.TARN_TLS_URL);
+  await page.getByText(`at ${new URL(process.env.TARN_TLS_URL).host}`).waitFor();
   await logIn(page);
   await page.waitForSelector('.status[data-state=live]');
   await page.getByRole('navigation').getByRole('link', { name: 'Files' }).click();

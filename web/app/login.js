@@ -12,6 +12,8 @@ export class Login {
   /** @param {import('../client/index.js').Session} session */
   constructor(session) {
     this.#session = session;
+    // Behind the TLS service the server does not know which address was reached.
+    if (document.body.dataset.port === '0') setText(byId('reached'), location.host);
     this.#form.addEventListener('submit', (event) => {
       event.preventDefault();
       this.#logIn();
