@@ -100,10 +100,13 @@ class Calls:
         self.assertFalse(self.program().ended(), f"it has ended: {self.program().log_path.read_text()[-2000:]}")
         self.recovered()
         try:
-            harness.wait_until(lambda: self.program().descriptors() <= self.idle_descriptors, "descriptors to be closed")
+            self.are_closed()
         except AssertionError as trouble:
             raise AssertionError(f"{trouble}: {self.held()}") from None
         return failed
+
+    def are_closed(self):
+        harness.wait_until(lambda: self.program().descriptors() <= self.idle_descriptors, "descriptors to be closed")
 
     def comes_back(self, piece, what):
         """Waits until a piece works again. What was cut off may leave a question without an answer, so it is asked anew,
@@ -351,11 +354,11 @@ class Broker(Calls, harness.SystemTest):
 
     def begin(self):
         self.system.start("busd")
+        self.idle_descriptors = self.program().descriptors()
         for piece in self.course():
             piece()
         self.lose_session()
-        harness.wait_until(lambda: self.program().descriptors() < 9, "the programs of the test to have left")
-        self.idle_descriptors = self.program().descriptors()
+        self.are_closed()
 
     def program(self):
         return self.system.programs["busd"]
