@@ -354,11 +354,11 @@ class Broker(Calls, harness.SystemTest):
 
     def begin(self):
         self.system.start("busd")
-        self.idle_descriptors = self.program().descriptors()
         for piece in self.course():
             piece()
         self.lose_session()
-        self.are_closed()
+        harness.wait_until(lambda: self.program().descriptors() < 9, "the programs of the test to have left")
+        self.idle_descriptors = self.program().descriptors()
 
     def program(self):
         return self.system.programs["busd"]

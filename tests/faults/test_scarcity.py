@@ -3,6 +3,7 @@
 With little they go on; with nothing they refuse, or end with a line that says why. With enough again all is as before.
 """
 
+import itertools
 import os
 import resource
 import unittest
@@ -32,6 +33,12 @@ class Scarcity:
 
     def address_space(self):
         return int(Path(f"/proc/{self.program().pid}/statm").read_text().split()[0]) * resource.getpagesize()
+
+    def number_above(self, spare):
+        """The number of the descriptor that the program would get after so many more, wherever there is room for these."""
+        taken = set(map(int, os.listdir(f"/proc/{self.program().pid}/fd")))
+        free = (number for number in itertools.count() if number not in taken)
+        return next(itertools.islice(free, spare, None))
 
     def use(self):
         """All of the course, as far as it goes; how much of it failed."""
@@ -88,9 +95,8 @@ class Scarcity:
         failures = 0
         for spare in range(3):
             with self.subTest(spare=spare):
-                self.are_closed()  # or there is room in what the last ones have not given back yet
-                highest = max(map(int, os.listdir(f"/proc/{self.program().pid}/fd")))
-                self.limit_program(resource.RLIMIT_NOFILE, highest + 1 + spare)
+                self.are_closed()
+                self.limit_program(resource.RLIMIT_NOFILE, self.number_above(spare))
                 failures += self.use()
                 self.assertFalse(self.program().ended(), self.system.log(self.name))
                 self.limit_program(resource.RLIMIT_NOFILE, UNLIMITED)
