@@ -10,7 +10,7 @@ constexpr int firstUnsent = 131072;
 constexpr std::chrono::milliseconds soon{50};
 constexpr unsigned soonAtLeast = 8;  // the first ones fill the client's own buffers, however slow it is
 
-void limitUnsent(int socket, int bytes) {  // a local socket refuses it, and does not need it: its buffer is small
+void limitUnsent(int socket, int bytes) {  // a local socket refuses it: who is at its other end sees to the client
   setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &bytes, sizeof bytes);
 }
 

@@ -106,7 +106,11 @@ bool Session::fillDown() {
   const ssize_t count = recv(pair_.get(), room.data(), room.size(), MSG_DONTWAIT);
   if (count > 0) {
     down_.added(static_cast<std::size_t>(count));
-    if (static_cast<std::size_t>(count) < room.size()) owner_.runner_.drained(pair_.get(), tn::readable);
+    if (static_cast<std::size_t>(count) < room.size()) {
+      owner_.runner_.drained(pair_.get(), tn::readable);
+    } else {
+      pace_.begin(socket_.get());  // there is more than a block
+    }
     moved();
     return true;
   }
@@ -123,7 +127,6 @@ bool Session::fillDown() {
 
 // True: nothing is left.
 bool Session::flushDown() {
-  pace_.begin(socket_.get());
   while (!down_.empty()) {
     const TlsStream::Transfer transfer = stream_->write(down_.held());
     switch (transfer.result) {
