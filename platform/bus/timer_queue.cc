@@ -9,14 +9,18 @@ namespace tn {
 using std::chrono::ceil;
 using std::chrono::milliseconds;
 
-// A list of armed timers in the order of their deadlines.
+// A list of timers in the order of their places.
 struct Timer::Lane {
-  Lane(TimerQueue& owner, std::uint32_t duration) : queue(owner), ms(duration) {}
+  Lane(TimerQueue* owner, std::uint32_t duration) : queue(owner), ms(duration) {}
 
   void append(Timer& timer);
   void unlink(Timer& timer);
+  // Takes the timer in where its deadline says.
+  void insert(Timer& timer);
+  // Moves on what stands at the head but does not expire there.
+  void settle();
 
-  TimerQueue& queue;
+  TimerQueue* const queue;  // null: its timers have expired and are about to run
   const std::uint32_t ms;
   Timer* head = nullptr;
   Timer* tail = nullptr;
@@ -24,6 +28,7 @@ struct Timer::Lane {
 
 void Timer::Lane::append(Timer& timer) {
   timer.lane_ = this;
+  timer.place_ = timer.deadline_;
   timer.previous_ = tail;
   timer.next_ = nullptr;
   (tail != nullptr ? tail->next_ : head) = &timer;
@@ -36,29 +41,43 @@ void Timer::Lane::unlink(Timer& timer) {
   timer.lane_ = nullptr;
 }
 
+// From the end, where those stand that are armed anew all the time.
+void Timer::Lane::insert(Timer& timer) {
+  Timer* next = nullptr;
+  for (Timer* other = tail; other != nullptr && other->place_ > timer.deadline_; other = other->previous_)
+    next = other;
+  if (next == nullptr) return append(timer);
+  timer.lane_ = this;
+  timer.place_ = timer.deadline_;
+  timer.next_ = next;
+  timer.previous_ = std::exchange(next->previous_, &timer);
+  (timer.previous_ != nullptr ? timer.previous_->next_ : head) = &timer;
+}
+
+void Timer::Lane::settle() {
+  while (head != nullptr && (!head->armed_ || head->place_ != head->deadline_)) {
+    Timer& timer = *head;
+    unlink(timer);
+    if (timer.armed_) insert(timer);
+  }
+}
+
 Timer::~Timer() {
-  cancel();
+  if (lane_ != nullptr) lane_->unlink(*this);
   if (running_ != nullptr) *running_ = nullptr;
 }
 
 void Timer::start(TimerQueue& queue, std::uint32_t ms) {
-  Lane* lane = lane_;
-  const Clock::time_point deadline = queue.now_ + milliseconds(ms);
-  // Armed again in the same turn, with nobody else in between.
-  if (lane != nullptr && lane->tail == this && lane->ms == ms && &lane->queue == &queue && deadline_ == deadline &&
-      lane != queue.expired_.get()) {
-    return;
-  }
-  cancel();
-  const bool sameLane = lane != nullptr && &lane->queue == &queue && lane->ms == ms && lane != queue.expired_.get();
-  if (!sameLane) lane = &queue.lane(ms);
-  deadline_ = deadline;
-  queue.noneBefore_ = std::min(queue.noneBefore_, deadline);
-  lane->append(*this);
+  deadline_ = queue.now_ + milliseconds(ms);
+  armed_ = true;
+  if (lane_ == nullptr || lane_->queue != &queue || lane_->ms != ms) join(queue, ms);
 }
 
-void Timer::cancel() {
+// Into the lane of the duration, out of any other.
+void Timer::join(TimerQueue& queue, std::uint32_t ms) {
   if (lane_ != nullptr) lane_->unlink(*this);
+  queue.noneBefore_ = std::min(queue.noneBefore_, deadline_);
+  queue.lane(ms).append(*this);
 }
 
 // The callable is moved out while it runs, so that it outlives the timer when it destroys it.
@@ -81,17 +100,20 @@ struct TimerQueue::Owned {
   Callback callback;
 };
 
-TimerQueue::TimerQueue() : now_(Clock::now()), expired_(std::make_unique<Timer::Lane>(*this, 0)) {}
+TimerQueue::TimerQueue() : now_(Clock::now()), expired_(std::make_unique<Timer::Lane>(nullptr, 0)) {}
 
 TimerQueue::~TimerQueue() {
   // What the callables hold may still look for its timers here while it is destroyed.
   std::exchange(owned_, {}).clear();
-  for (const auto& lane : lanes_) {
-    while (lane->head != nullptr)
-      lane->unlink(*lane->head);
-  }
-  while (expired_->head != nullptr)
-    expired_->unlink(*expired_->head);
+  const auto empty = [](Timer::Lane& lane) {
+    while (lane.head != nullptr) {
+      lane.head->armed_ = false;
+      lane.unlink(*lane.head);
+    }
+  };
+  for (const auto& lane : lanes_)
+    empty(*lane);
+  empty(*expired_);
 }
 
 TimerQueue::Handle TimerQueue::add(std::uint32_t ms, Callback callback) {
@@ -119,6 +141,7 @@ void TimerQueue::setNow(Clock::time_point now) {
 }
 
 std::optional<Clock::time_point> TimerQueue::nextDeadline() const {
+  expired_->settle();
   if (expired_->head != nullptr) return expired_->head->deadline_;
   const Timer::Lane* lane = earliestLane();
   if (lane == nullptr) return std::nullopt;
@@ -145,7 +168,7 @@ void TimerQueue::runExpired(Clock::time_point now) {
   while (expired_->head != nullptr) {
     Timer& timer = *expired_->head;
     expired_->unlink(timer);
-    timer.expire();
+    if (std::exchange(timer.armed_, false)) timer.expire();
   }
   noneBefore_ = nextDeadline().value_or(Clock::time_point::max());
 }
@@ -161,7 +184,7 @@ Timer::Lane& TimerQueue::lane(std::uint32_t ms) {
       dropEmptyLanes();
       place = find();
     }
-    place = lanes_.insert(place, std::make_unique<Timer::Lane>(*this, ms));
+    place = lanes_.insert(place, std::make_unique<Timer::Lane>(this, ms));
   }
   lastLane_ = place->get();
   return *lastLane_;
@@ -169,13 +192,17 @@ Timer::Lane& TimerQueue::lane(std::uint32_t ms) {
 
 void TimerQueue::dropEmptyLanes() {
   lastLane_ = nullptr;
-  std::erase_if(lanes_, [](const std::unique_ptr<Timer::Lane>& lane) { return lane->head == nullptr; });
+  std::erase_if(lanes_, [](const std::unique_ptr<Timer::Lane>& lane) {
+    lane->settle();
+    return lane->head == nullptr;
+  });
 }
 
 // Of equal deadlines the longer duration was armed earlier, so it goes first.
 Timer::Lane* TimerQueue::earliestLane() const {
   Timer::Lane* earliest = nullptr;
   for (const auto& lane : lanes_) {
+    lane->settle();
     if (lane->head == nullptr) continue;
     if (earliest == nullptr || lane->head->deadline_ <= earliest->head->deadline_) earliest = lane.get();
   }

@@ -18,6 +18,10 @@ namespace tn {
 // after all others of its lane, and arming is appending. Deadlines are exact; nothing is rounded to a tick. The next
 // deadline of all is the earliest head of a lane, and lanes are few.
 //
+// Most timers are armed anew, or cancelled, long before they expire: an idle limit moves with each event. Such a timer
+// keeps its place in its lane and only notes what it is to do, so that its neighbours are not touched. When its place
+// comes to the head of the lane, before the timer is counted as anything, it goes to where it belongs by then.
+//
 // The queue has its own time, which its runner moves once per turn: every timer armed in one turn counts from the same
 // moment, and arming reads no clock.
 class TimerQueue {
@@ -48,9 +52,9 @@ class TimerQueue {
   // passed, -1 when no timer is armed.
   [[nodiscard]] int nextTimeout() const;
 
-  // Moves the time to `now` and runs what has expired by then, earliest deadline first, equal deadlines in the order of
-  // arming. A timer that a callable arms meanwhile waits for the next call even when its time is 0, so one that arms
-  // itself again and again cannot hold the loop.
+  // Moves the time to `now` and runs what has expired by then, earliest deadline first, and of equal deadlines what was
+  // armed in an earlier turn. A timer that a callable arms meanwhile waits for the next call even when its time is 0,
+  // so one that arms itself again and again cannot hold the loop.
   void runExpired(Clock::time_point now);
 
  private:
@@ -61,6 +65,7 @@ class TimerQueue {
 
   Timer::Lane& lane(std::uint32_t ms);
   void dropEmptyLanes();
+  // The lane whose head, settled, expires first; null: no timer is armed.
   [[nodiscard]] Timer::Lane* earliestLane() const;
   void runOwned(Handle handle);
 

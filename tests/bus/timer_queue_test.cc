@@ -1,6 +1,8 @@
 #include "platform/bus/timer_queue.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
+#include <limits>
 #include <memory>
 #include <random>
 #include <string>
@@ -286,43 +288,110 @@ TEST_F(TimerQueueTest, WhatACallableHoldsMayRemoveTimersWhileItGoes) {
   EXPECT_FALSE(queue.remove(other));
 }
 
-// Against a plain model: many durations, more than are kept as empty lanes, armed, cancelled and expired at random.
-TEST_F(TimerQueueTest, AgreesWithAPlainModel) {
-  constexpr std::size_t count = 200;
-  constexpr std::int64_t idle = -1;
-  const auto start = queue.now();
-  std::mt19937 random(7);
-  std::vector<std::unique_ptr<Timer>> timers;
-  std::vector<std::int64_t> deadlines(count, idle);
-  std::int64_t now = 0;
-  std::int64_t lastDeadline = 0;
-  for (std::size_t i = 0; i < count; ++i) {
-    timers.push_back(std::make_unique<Timer>([&, i] {
-      ASSERT_NE(deadlines[i], idle);
-      EXPECT_LE(deadlines[i], now);
-      EXPECT_GE(deadlines[i], lastDeadline);
-      lastDeadline = deadlines[i];
-      deadlines[i] = idle;
-    }));
+TEST_F(TimerQueueTest, ArmingAnewGoesBehindThoseThatWereArmedMeanwhile) {
+  Timer a(note("a"));
+  Timer b(note("b"));
+  Timer c(note("c"));
+  a.start(queue, 20);
+  b.start(queue, 20);
+  c.start(queue, 20);
+  advance(10);
+  c.start(queue, 20);
+  advance(1);
+  a.start(queue, 20);
+  EXPECT_EQ(queue.nextTimeout(), 9);
+  advance(9);
+  EXPECT_EQ(ran, std::vector<std::string>{"b"});
+  EXPECT_EQ(queue.nextTimeout(), 10);
+  advance(100);
+  EXPECT_EQ(ran, (std::vector<std::string>{"b", "c", "a"}));
+}
+
+TEST_F(TimerQueueTest, ACancelledTimerIsNoDeadlineAndCanBeArmedAnew) {
+  Timer timer(note("a"));
+  Timer later(note("b"));
+  timer.start(queue, 20);
+  advance(5);
+  later.start(queue, 20);
+  timer.cancel();
+  EXPECT_EQ(queue.nextTimeout(), 20);
+  later.cancel();
+  EXPECT_EQ(queue.nextTimeout(), -1);
+  timer.start(queue, 20);
+  EXPECT_EQ(queue.nextTimeout(), 20);
+  advance(20);
+  EXPECT_EQ(ran, std::vector<std::string>{"a"});
+}
+
+// Against a plain model: many durations, more than are kept as empty lanes, armed, cancelled, destroyed and expired at
+// random. What expires together runs by deadline, and of equal ones what was armed in an earlier turn.
+class ManyTimers : public TimerQueueTest {
+ protected:
+  static constexpr std::int64_t idle = -1;
+  struct Expected {
+    std::int64_t deadline = idle;
+    std::int64_t armedAt = 0;
+  };
+
+  void make(std::size_t i) {
+    timers[i] = std::make_unique<Timer>([this, i] { onExpiry(expected[i]); });
+    expected[i].deadline = idle;
   }
+  void onExpiry(Expected& timer) {
+    ASSERT_NE(timer.deadline, idle);
+    EXPECT_LE(timer.deadline, now);
+    EXPECT_TRUE(timer.deadline > last.deadline || (timer.deadline == last.deadline && timer.armedAt >= last.armedAt));
+    last = timer;
+    timer.deadline = idle;
+  }
+  void arm(std::size_t i, std::uint32_t ms) {
+    timers[i]->start(queue, ms);
+    expected[i] = {now + ms, now};
+  }
+  void check() {
+    std::int64_t next = std::numeric_limits<std::int64_t>::max();
+    for (std::size_t i = 0; i < timers.size(); ++i) {
+      EXPECT_EQ(timers[i]->armed(), expected[i].deadline != idle);
+      if (expected[i].deadline != idle) next = std::min(next, expected[i].deadline);
+    }
+    EXPECT_GT(next, now);
+    EXPECT_EQ(queue.nextDeadline().value_or(Clock::time_point::max()),
+              next == std::numeric_limits<std::int64_t>::max() ? Clock::time_point::max() : start + milliseconds(next));
+  }
+
+  const Clock::time_point start = queue.now();
+  std::vector<std::unique_ptr<Timer>> timers{200};
+  std::vector<Expected> expected{200};
+  Expected last;
+  std::int64_t now = 0;
+};
+
+TEST_F(ManyTimers, AgreeWithAPlainModel) {
+  std::mt19937 random(7);
+  for (std::size_t i = 0; i < timers.size(); ++i)
+    make(i);
   for (int step = 0; step < 20000; ++step) {
-    const std::size_t i = random() % count;
-    if (random() % 8 == 0) {
-      timers[i]->cancel();
-      deadlines[i] = idle;
-    } else {
-      const auto ms = static_cast<std::uint32_t>(random() % 100);
-      timers[i]->start(queue, ms);
-      deadlines[i] = now + ms;
+    const std::size_t i = random() % timers.size();
+    switch (random() % 12) {
+      case 0:
+        make(i);
+        break;
+      case 1:
+        timers[i]->cancel();
+        expected[i].deadline = idle;
+        break;
+      case 2:
+      case 3:
+        arm(i, static_cast<std::uint32_t>(random() % 100));
+        break;
+      default:
+        arm(i, i % 2 == 0 ? 30 : 50);
     }
     if (random() % 4 != 0) continue;
     now += static_cast<std::int64_t>(random() % 20);
-    lastDeadline = 0;
+    last = {};
     queue.runExpired(start + milliseconds(now));
-    for (std::size_t k = 0; k < count; ++k) {
-      EXPECT_EQ(timers[k]->armed(), deadlines[k] != idle);
-      EXPECT_TRUE(deadlines[k] == idle || deadlines[k] > now);
-    }
+    check();
   }
 }
 
