@@ -47,7 +47,8 @@ class BusLink {
   virtual bool send(FrameKind kind, std::uint32_t peer, std::span<const std::uint8_t> payload, UniqueFd descriptor) = 0;
   // Writes what waits, as far as it goes without blocking; the rest follows by itself.
   virtual void flush() = 0;
-  // Delivers frames that were read but left over, for the sake of other sockets. True: there are still more.
+  // Delivers frames that were read but left over, for the sake of other sockets; a flush has to follow. True: there are
+  // still more.
   virtual bool resume() = 0;
 
   enum class Wait : std::uint8_t {
@@ -58,6 +59,12 @@ class BusLink {
   // Waits for frames and delivers them, while nothing else of the program runs; the timers' time moves on with the
   // wait. A loss is only returned; the sink is told of it when the loop runs again.
   [[nodiscard]] virtual Wait waitForFrames(Clock::time_point deadline) = 0;
+
+  // Whether neither flush nor resume has anything to do: most turns of a server have nothing for the bus.
+  [[nodiscard]] bool atRest() const { return atRest_; }
+
+ protected:
+  bool atRest_ = false;  // as it stays for a link that does not know
 };
 
 }  // namespace tn

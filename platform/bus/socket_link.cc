@@ -88,6 +88,7 @@ void SocketLink::onEvents(unsigned events) {
 }
 
 void SocketLink::readFrames() {
+  atRest_ = false;
   if (deliver() != 0) return;
   const FrameReader::Receive received = reader_.receive(socket_.get());
   if (received == FrameReader::Receive::ended) return drop(dead_.empty() ? "the broker is gone" : dead_);
@@ -134,6 +135,7 @@ bool SocketLink::send(FrameKind kind, std::uint32_t peer, std::span<const std::u
   if (state_ != State::joined || !dead_.empty() || payload.size() > maxPayloadBytes) return false;
   if (queue_.bytes() + payload.size() + frameHeaderBytes > settings_.outQueueBytes) return false;
   queue_.append(kind, peer, payload, std::move(descriptor));
+  atRest_ = false;
   if (queue_.bytes() > gatheredBytes) flush();
   return true;
 }
@@ -165,13 +167,17 @@ void SocketLink::giveUp(std::string_view reason) {
   shutdown(socket_.get(), SHUT_RDWR);
 }
 
+// A flush follows, so that frames sent meanwhile leave no work behind.
 bool SocketLink::resume() {
+  atRest_ = true;
   if (!reader_.hasFrame()) return false;
   deliver();
-  return reader_.hasFrame();
+  atRest_ = !reader_.hasFrame();
+  return !atRest_;
 }
 
 BusLink::Wait SocketLink::waitForFrames(Clock::time_point deadline) {
+  atRest_ = false;
   while (state_ == State::joined && dead_.empty()) {
     if (deliver() != 0) return Wait::frames;
     flush();

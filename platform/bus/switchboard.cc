@@ -386,7 +386,7 @@ void Switchboard::onControlAnswer(std::span<const std::uint8_t> payload) {
 
 // ---- The loop
 
-bool Switchboard::finishTurn() {
+bool Switchboard::finishBusyTurn() {
   arrived_.clear();
   dispatchKept();
   const bool more = link_.resume();

@@ -63,13 +63,17 @@ class Switchboard : public BusLink::Sink {
   void expectUntold() { untold_ = true; }
 
   // What is due between two turns of the loop. True: messages are left over, so the next turn must not wait.
-  bool finishTurn();
+  bool finishTurn() {
+    return (link_.atRest() && !untold_ && kept_.empty() && arrived_.empty()) ? false : finishBusyTurn();
+  }
 
   void onLinked(std::uint32_t id) override;
   void onUnlinked() override;
   void onFrame(BusLink::Arrival arrival) override;
 
  private:
+  bool finishBusyTurn();
+
   // One that came from another program; its descriptor field and its descriptor go together.
   struct Message {
     std::uint32_t peer;
