@@ -239,7 +239,7 @@ void EpollRunner::enqueue(int fd, Slot& slot) {
 }
 
 bool EpollRunner::turn(bool mayWait) {
-  introduceUnknown();
+  if (!unknown_.empty()) introduceUnknown();
   const int timeout = mayWait && pending_.empty() ? timeToWait() : 0;
   const int count = epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeout);
   if (count < 0 && errno != EINTR) return false;
@@ -333,33 +333,36 @@ void EpollRunner::call(const Entry& entry) {
   Slot* slot = find(entry);
   if (slot == nullptr) return;
   slot->queued = false;
-  SocketCallback callback = std::move(slot->callback);
+  SocketCallback callback;
+  callback.swap(slot->callback);
   const std::uint8_t wanted = slot->mask;
   called_ = entry.fd;
-  slot = tell(entry, *slot, callback);
-  if (slot != nullptr && slot->mask != wanted) slot = tell(entry, *slot, callback);
+  for (int left = 2; left != 0; --left) {
+    tell(entry.fd, *slot, callback);
+    slot = find(entry);
+    if (slot == nullptr || slot->mask == wanted) break;
+  }
   called_ = -1;
   if (slot == nullptr) return;
-  slot->callback = std::move(callback);
+  slot->callback.swap(callback);
   if (slot->cached && (slot->ready & slot->mask) != 0) enqueue(entry.fd, *slot);
 }
 
-// The slot afterwards; null: the callback has removed the socket.
-EpollRunner::Slot* EpollRunner::tell(const Entry& entry, Slot& slot, const SocketCallback& callback) {
+// The slot may be gone afterwards, or elsewhere.
+inline void EpollRunner::tell(int fd, Slot& slot, const SocketCallback& callback) {
   const unsigned told = slot.ready & (slot.mask | hangUp);
   // A hang-up by itself is told once, else a socket that waits for nothing would be called for ever; it goes along with
   // whatever is told later. What a level socket was ready for is forgotten, the kernel says it again.
   slot.ready &= static_cast<std::uint8_t>(slot.cached ? ~hangUp : 0U);
-  if (told == 0) return &slot;
+  if (told == 0) return;
   const bool reads = (told & readable) != 0;
   if (reads) {
     setAnnounced(slot.announced, slot.announced && slot.fresh && roomy_);
     slot.announced = false;
     slot.readAfter = roomyWaits_;
   }
-  callback(entry.fd, told | ((slot.lasting & writable) != 0 ? hangUp : 0U));
+  callback(fd, told | ((slot.lasting & writable) != 0 ? hangUp : 0U));
   if (reads) setAnnounced(false, false);
-  return find(entry);
 }
 
 }  // namespace tn

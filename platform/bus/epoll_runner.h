@@ -58,21 +58,22 @@ class EpollRunner : public ThinRunner {
   [[nodiscard]] bool turn(bool mayWait) override;
 
  private:
-  struct Slot {
+  // One line of the cache each.
+  struct alignas(64) Slot {
     SocketCallback callback;
     std::uint32_t generation = 0;
     std::uint32_t readAfter = 0;  // waits with room for all when it was last called to read
     std::uint8_t mask = 0;
     std::uint8_t ready = 0;
     std::uint8_t lasting = 0;  // bits that stay ready for the rest of the socket's life
-    bool watched : 1 = false;
-    bool cached : 1 = false;
-    bool queued : 1 = false;
-    bool introduced : 1 = false;  // the kernel knows it
-    bool announced : 1 = false;   // a wait told of bytes, and the socket was not called to read them yet
-    bool fresh : 1 = false;       // and it was on the list for these bytes
-    bool writes : 1 = false;      // cached, and registered for writing as well
-    bool news : 1 = false;
+    bool watched = false;
+    bool cached = false;
+    bool queued = false;
+    bool introduced = false;  // the kernel knows it
+    bool announced = false;   // a wait told of bytes, and the socket was not called to read them yet
+    bool fresh = false;       // and it was on the list for these bytes
+    bool writes = false;      // cached, and registered for writing as well
+    bool news = false;
   };
   // A socket to be called, and which registration of its number is meant.
   struct Entry {
@@ -93,7 +94,7 @@ class EpollRunner : public ThinRunner {
   void enqueue(int fd, Slot& slot);
   void note(const epoll_event& event);
   void call(const Entry& entry);
-  [[nodiscard]] Slot* tell(const Entry& entry, Slot& slot, const SocketCallback& callback);
+  void tell(int fd, Slot& slot, const SocketCallback& callback);
   [[nodiscard]] bool kernelToldAll(int count);
   [[nodiscard]] bool callReady();
 
