@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 
 #include "platform/web/ascii.h"
 #include "platform/web/authority.h"
@@ -13,7 +14,7 @@ namespace {
 constexpr std::size_t firstBytes = 256;
 constexpr std::size_t firstFields = 8;
 
-constexpr std::size_t longestKeptHost = 255;
+constexpr std::size_t longestKeptHostLine = 255;
 
 constexpr std::string_view separator = ": ";
 constexpr std::string_view lineEnd = "\r\n";
@@ -25,13 +26,18 @@ constexpr unsigned unknownLength = 0xFFFFFFFF;
 // Field content (RFC 9110, 5.5): visible characters, blanks, and the bytes above US-ASCII that old clients send.
 constexpr ascii::CharSet valueChars{[](char c) { return !ascii::isControl(c) || c == '\t'; }};
 
-// Nearly all requests name the same host: the last one that was found to be good need not be looked at again.
-bool isHost(std::string_view text) {
-  static std::string last;
-  if (text == last) return true;
-  if (!isAuthority(text)) return false;
-  if (text.size() <= longestKeptHost) last.assign(text);
-  return true;
+// A line that holds its field as it is kept: one space behind the colon, and no other blanks around the value.
+bool isPlain(std::string_view line, std::string_view name, std::string_view value) {
+  return line.size() == name.size() + separator.size() + value.size() && line[name.size() + 1] == ' ';
+}
+
+// Nearly all requests name the same host: a line like the last plain one that was found to be good need not be taken
+// apart again.
+std::string lastHostLine{"Host: "};  // NOLINT(cert-err58-cpp)
+constexpr std::size_t hostNameLength = 4;
+
+bool isFieldContent(std::string_view value) {
+  return valueChars.lengthIn(value, ascii::lengthOfEights<' '>(value)) == value.size();
 }
 
 }  // namespace
@@ -63,22 +69,31 @@ std::unique_ptr<Headers::Fields> Headers::makeFields() {
   return fields;
 }
 
-void Headers::add(std::string_view name, std::string_view value) {
+// Grown once for all pieces, each of which is a few bytes: as appends of their own they cost more than their copying.
+char* Headers::makeRoom(std::size_t nameLength, std::size_t valueLength) {
   if (!fields_) fields_ = makeFields();
   auto& [text, entries, lengths] = *fields_;
-  lengths |= lengthBit(name);
-  const std::size_t end = text.size();
-  const std::size_t grown = end + name.size() + separator.size() + value.size() + lineEnd.size();
-  entries.push_back({static_cast<std::uint32_t>(end), static_cast<std::uint32_t>(name.size())});
-  // Grown once for all four pieces, each of which is a few bytes: as appends of their own they cost more than their
-  // copying.
-  text.resize_and_overwrite(grown, [&](char* bytes, std::size_t) {
-    char* at = std::copy(name.begin(), name.end(), bytes + end);
-    at = std::copy(separator.begin(), separator.end(), at);
-    at = std::copy(value.begin(), value.end(), at);
-    std::copy(lineEnd.begin(), lineEnd.end(), at);
-    return grown;
-  });
+  lengths |= lengthBit(nameLength);
+  const std::size_t begin = text.size();
+  const std::size_t length = nameLength + separator.size() + valueLength + lineEnd.size();
+  entries.push_back({static_cast<std::uint32_t>(begin), static_cast<std::uint32_t>(nameLength)});
+  text.resize_and_overwrite(begin + length, [begin, length](char*, std::size_t) { return begin + length; });
+  char* const field = text.data() + begin;
+  std::memcpy(field + nameLength, separator.data(), separator.size());
+  std::memcpy(field + length - lineEnd.size(), lineEnd.data(), lineEnd.size());
+  return field;
+}
+
+void Headers::add(std::string_view name, std::string_view value) {
+  char* const field = makeRoom(name.size(), value.size());
+  std::copy(name.begin(), name.end(), field);
+  std::copy(value.begin(), value.end(), field + name.size() + separator.size());
+}
+
+// Of a line that isPlain.
+void Headers::addPlain(std::string_view line, std::size_t nameLength) {
+  char* const field = makeRoom(nameLength, line.size() - nameLength - separator.size());
+  std::copy(line.begin(), line.end(), field);
 }
 
 // Lengthens the value of a field; those behind it move up. An empty value is no element of a list and adds nothing.
@@ -95,18 +110,13 @@ void Headers::join(std::size_t i, std::string_view value) {
     entries[k].offset += grown;
 }
 
-void Headers::addHeader(std::string_view name, std::string_view value, bool append) {
-  if (!append) removeHeader(name);
-  add(name, value);
-}
-
 void Headers::addHeader(std::string_view name, std::uint64_t value, bool append) {
   char digits[20];
   const std::to_chars_result result = std::to_chars(digits, digits + sizeof digits, value);
   addHeader(name, std::string_view(digits, static_cast<std::size_t>(result.ptr - digits)), append);
 }
 
-void Headers::removeHeader(std::string_view name) {
+void Headers::removeAll(std::string_view name) {
   for (std::size_t i = find(name); i < size(); i = find(name, i)) {
     auto& text = fields_->text;
     auto& entries = fields_->entries;
@@ -118,12 +128,8 @@ void Headers::removeHeader(std::string_view name) {
   }
 }
 
-bool Headers::hasHeader(std::string_view name) const {
-  return find(name) < size();
-}
-
-std::optional<std::string_view> Headers::getHeader(std::string_view name) const {
-  const std::size_t i = find(name);
+std::optional<std::string_view> Headers::firstValue(std::string_view name) const {
+  const std::size_t i = search(name, 0, SIZE_MAX);
   if (i == size()) return std::nullopt;
   return valueAt(i);
 }
@@ -134,12 +140,12 @@ bool Headers::getHeader(std::string_view name, std::string* value) const {
   return found.has_value();
 }
 
-bool Headers::getHeader(std::string_view name, std::uint32_t* value) const {
-  const std::optional<std::string_view> found = getHeader(name);
+bool Headers::firstNumber(std::string_view name, std::uint32_t* value) const {
+  const std::optional<std::string_view> found = firstValue(name);
   return found && parseNumber(*found, value);
 }
 
-bool Headers::headerHasToken(std::string_view name, std::string_view token) const {
+bool Headers::holdsToken(std::string_view name, std::string_view token) const {
   for (std::size_t i = find(name); i < size(); i = find(name, i + 1)) {
     std::string_view rest = valueAt(i);
     while (!rest.empty()) {
@@ -152,6 +158,11 @@ bool Headers::headerHasToken(std::string_view name, std::string_view token) cons
 }
 
 bool Headers::parseHeaderLine(std::string_view line) {
+  if (line == lastHostLine) {
+    if (hasHeader("host")) return false;
+    addPlain(line, hostNameLength);
+    return true;
+  }
   const std::size_t colon = ascii::tokenChars.lengthIn(line);
   if (colon == 0 || colon == line.size() || line[colon] != ':') return false;
   const std::string_view name = line.substr(0, colon);
@@ -160,18 +171,23 @@ bool Headers::parseHeaderLine(std::string_view line) {
   // Bodies have a length or end with the connection; two ideas of where one ends are how requests are smuggled.
   if (ascii::equalsIgnoreCase(name, "transfer-encoding")) return false;
   if (ascii::equalsIgnoreCase(name, "content-length")) return takeContentLength(name, value);
-  if (ascii::equalsIgnoreCase(name, "host")) {
-    if (hasHeader(name) || !(value.empty() || isHost(value))) return false;
-    add(name, value);
-    return true;
-  }
-  if (!valueChars.hasAll(value)) return false;
+  if (ascii::equalsIgnoreCase(name, "host")) return takeHost(line, name, value);
+  if (!isFieldContent(value)) return false;
   const std::size_t earlier = find(name, 0, searchedFields);
   if (earlier < size()) {
     join(earlier, value);
+  } else if (isPlain(line, name, value)) {
+    addPlain(line, name.size());
   } else {
     add(name, value);
   }
+  return true;
+}
+
+bool Headers::takeHost(std::string_view line, std::string_view name, std::string_view value) {
+  if (hasHeader(name) || !(value.empty() || isAuthority(value))) return false;
+  if (isPlain(line, name, value) && line.size() <= longestKeptHostLine) lastHostLine.assign(line);
+  add(name, value);
   return true;
 }
 
@@ -188,11 +204,12 @@ bool Headers::takeContentLength(std::string_view name, std::string_view value) {
 
 void Headers::clear() {
   if (!fields_) return;
-  if (fields_->text.capacity() > keptBytes || fields_->entries.capacity() > keptFields) {
+  auto& [text, entries, lengths] = *fields_;
+  if (text.capacity() > keptBytes || entries.capacity() > keptFields) {
     fields_.reset();
   } else {
-    fields_->text.clear();
-    fields_->entries.clear();
-    fields_->lengths = 0;
+    text.clear();
+    entries.clear();
+    lengths = 0;
   }
 }

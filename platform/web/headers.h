@@ -25,19 +25,32 @@ class Headers {
 
   // Adds a field. With `append` false the existing fields of that name are replaced (it moves to the end); with true a
   // further line is added. The caller has made sure that neither text holds control characters.
-  void addHeader(std::string_view name, std::string_view value, bool append);
+  void addHeader(std::string_view name, std::string_view value, bool append) {
+    if (!append) removeHeader(name);
+    add(name, value);
+  }
   void addHeader(std::string_view name, std::uint64_t value, bool append);
   // Removes every field of that name.
-  void removeHeader(std::string_view name);
+  void removeHeader(std::string_view name) {
+    if (mayHold(name)) removeAll(name);
+  }
 
-  [[nodiscard]] bool hasHeader(std::string_view name) const;
+  [[nodiscard]] bool hasHeader(std::string_view name) const {
+    return mayHold(name) && search(name, 0, SIZE_MAX) < size();
+  }
   // Value of the first field of that name.
-  [[nodiscard]] std::optional<std::string_view> getHeader(std::string_view name) const;
+  [[nodiscard]] std::optional<std::string_view> getHeader(std::string_view name) const {
+    return mayHold(name) ? firstValue(name) : std::nullopt;
+  }
   // False, and `value` unchanged: absent, or (for the number) not a decimal number below 2^32.
   bool getHeader(std::string_view name, std::string* value) const;
-  bool getHeader(std::string_view name, std::uint32_t* value) const;
+  bool getHeader(std::string_view name, std::uint32_t* value) const {
+    return mayHold(name) && firstNumber(name, value);
+  }
   // Whether any field of that name holds `token` in its comma-separated list, case not significant.
-  [[nodiscard]] bool headerHasToken(std::string_view name, std::string_view token) const;
+  [[nodiscard]] bool headerHasToken(std::string_view name, std::string_view token) const {
+    return mayHold(name) && holdsToken(name, token);
+  }
 
   // Takes one line of a request's header block, without its line end. False, and nothing is changed: the line is
   // malformed, or its field makes the message's framing or its receiver unsafe (RFC 9112, 3.2, 5 and 6): no token
@@ -77,7 +90,11 @@ class Headers {
     // Of the names so far: most questions are for fields that are not there, and end here.
     std::uint64_t lengths = 0;
   };
-  [[nodiscard]] static std::uint64_t lengthBit(std::string_view name) { return std::uint64_t{1} << (name.size() % 64); }
+  [[nodiscard]] static std::uint64_t lengthBit(std::size_t nameLength) { return std::uint64_t{1} << (nameLength % 64); }
+  // False: there is no field of that name.
+  [[nodiscard]] bool mayHold(std::string_view name) const {
+    return fields_ && (fields_->lengths & lengthBit(name.size())) != 0;
+  }
   [[nodiscard]] static std::unique_ptr<Fields> makeFields();
   // Of a field that there is.
   [[nodiscard]] std::size_t endOf(std::size_t i) const {
@@ -87,10 +104,20 @@ class Headers {
   [[nodiscard]] std::string_view valueAt(std::size_t i) const;
   // Index of the first field of that name from `from` to below `limit`; size() when there is none.
   [[nodiscard]] std::size_t find(std::string_view name, std::size_t from = 0, std::size_t limit = SIZE_MAX) const {
-    return fields_ && (fields_->lengths & lengthBit(name)) != 0 ? search(name, from, limit) : size();
+    return mayHold(name) ? search(name, from, limit) : size();
   }
   [[nodiscard]] std::size_t search(std::string_view name, std::size_t from, std::size_t limit) const;
+  // The questions above, of a field that there may be.
+  [[nodiscard]] std::optional<std::string_view> firstValue(std::string_view name) const;
+  [[nodiscard]] bool firstNumber(std::string_view name, std::uint32_t* value) const;
+  [[nodiscard]] bool holdsToken(std::string_view name, std::string_view token) const;
+  void removeAll(std::string_view name);
+
+  // Where the caller must put the name and, behind ": ", the value of one more field.
+  [[nodiscard]] char* makeRoom(std::size_t nameLength, std::size_t valueLength);
   void add(std::string_view name, std::string_view value);
+  void addPlain(std::string_view line, std::size_t nameLength);
+  [[nodiscard]] bool takeHost(std::string_view line, std::string_view name, std::string_view value);
   void join(std::size_t i, std::string_view value);
   [[nodiscard]] bool takeContentLength(std::string_view name, std::string_view value);
 

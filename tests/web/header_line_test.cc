@@ -63,6 +63,36 @@ TEST(HeaderLine, EveryByteAtEveryPlace) {
   }
 }
 
+// Long values are looked at by several bytes at a time.
+TEST(HeaderLine, EveryByteAtEveryPlaceOfALongValue) {
+  const std::string value = "a value of some length; with \xc3\xa4 in it";
+  for (std::size_t place = 0; place < value.size(); ++place) {
+    for (int byte = 0; byte < 256; ++byte) {
+      std::string changed = value;
+      changed[place] = static_cast<char>(byte);
+      const bool control = byte < 0x20 || byte == 0x7f;
+      EXPECT_EQ(takes("Name: " + changed), !control || byte == '\t') << "byte " << byte << " at " << place;
+    }
+  }
+}
+
+TEST(HeaderLine, IsKeptWithOneSpaceHoweverItWasWritten) {
+  for (const char* name : {"Host", "Accept"}) {
+    for (const char* blanks : {"", " ", "\t", "  ", " \t"}) {
+      for (const char* behind : {"", " ", "\t", "  "}) {
+        for (const char* value : {"", "a", "a.b"}) {
+          const std::string line = std::string(name) + ":" + blanks + value + behind;
+          for (int time = 0; time < 2; ++time) {
+            Headers headers;
+            ASSERT_TRUE(headers.parseHeaderLine(line)) << line;
+            EXPECT_EQ(headers.text(), std::string(name) + ": " + value + "\r\n") << line;
+          }
+        }
+      }
+    }
+  }
+}
+
 TEST(HeaderLine, NulAndLineEndsAreRefusedEverywhere) {
   using namespace std::string_view_literals;
   for (const std::string_view line : {"A: b\0"sv, "A: b\0c"sv, "A\0: b"sv, "\0A: b"sv, "A: b\r"sv, "A: b\rX: c"sv,
@@ -187,6 +217,13 @@ TEST(HeaderLine, AHostLikeTheOneBefore) {
   for (const char* value :
        {"router.local:80\x01", "router.local:80 x", "router.local:80x", "router.local:80/", "router\x7f.local:80"})
     EXPECT_FALSE(takes(std::string("Host: ") + value)) << value;
+  for (const char* line : {"Host : router.local:80", "Hos: router.local:80", "Host; router.local:80", ""}) {
+    Headers headers;
+    EXPECT_TRUE(!headers.parseHeaderLine(line) || !headers.hasHeader("host")) << line;
+  }
+  Headers lower;
+  ASSERT_TRUE(lower.parseHeaderLine("host: router.local:80"));
+  EXPECT_EQ(lower.text(), "host: router.local:80\r\n");
   ASSERT_TRUE(takes("Host: " + std::string(1000, 'a')));
   EXPECT_FALSE(takes("Host: " + std::string(1000, 'a') + "\x01"));
 }
