@@ -27,6 +27,7 @@ constexpr std::array<KnownMethod, 8> knownMethods{{
 }};
 
 Method methodOf(std::string_view name) {
+  if (name == "GET") return Method::get;  // nearly all are
   for (const KnownMethod& known : knownMethods) {
     if (known.name == name) return known.method;
   }
@@ -37,24 +38,28 @@ struct Pieces {
   std::string_view method;
   std::string_view target;
   std::string_view version;  // empty: the line has none
+  bool fragment = false;     // there is a "#" in the target
 };
 
 // Spaces are not visible, so a fourth piece shows as one within the version.
 constexpr ascii::CharSet visibleChars{ascii::isVisible};
+constexpr ascii::CharSet targetChars{[](char c) { return ascii::isVisible(c) && c != '#'; }};
 
-// The pieces between the spaces; nothing when there are not two or three, one is empty, the method is no token, or a
-// byte of the target is not visible.
-std::optional<Pieces> split(std::string_view line) {
+// The pieces between the spaces. False: there are not two or three, one is empty, the method is no token, or a byte of
+// the target is not visible.
+bool split(std::string_view line, Pieces& pieces) {
   const std::size_t methodLength = ascii::tokenChars.lengthIn(line);
-  if (methodLength == 0 || methodLength == line.size() || line[methodLength] != ' ') return std::nullopt;
+  if (methodLength == 0 || methodLength == line.size() || line[methodLength] != ' ') return false;
+  pieces.method = line.substr(0, methodLength);
   const std::string_view rest = line.substr(methodLength + 1);
-  const std::size_t targetLength = visibleChars.lengthIn(rest);
-  if (targetLength == 0) return std::nullopt;
-  Pieces pieces{line.substr(0, methodLength), rest.substr(0, targetLength), {}};
-  if (targetLength == rest.size()) return pieces;
+  std::size_t targetLength = targetChars.lengthIn(rest, ascii::lengthOfEights<'!', '#'>(rest));
+  pieces.fragment = targetLength < rest.size() && rest[targetLength] == '#';
+  if (pieces.fragment) targetLength = visibleChars.lengthIn(rest, targetLength);
+  if (targetLength == 0) return false;
+  pieces.target = rest.substr(0, targetLength);
+  if (targetLength == rest.size()) return true;
   pieces.version = rest.substr(targetLength + 1);
-  if (rest[targetLength] != ' ' || pieces.version.empty()) return std::nullopt;
-  return pieces;
+  return rest[targetLength] == ' ' && !pieces.version.empty();
 }
 
 // The version's number for "HTTP/1.x", and for a line without one; nothing for all else.
@@ -91,23 +96,23 @@ bool Request::parseStatusLine(std::string_view line) {
   protocol = Protocol::http;
   method = Method::get;
   version = version11;
-  const std::optional<Pieces> pieces = split(line);
-  if (!pieces) return false;
-  const std::optional<std::uint32_t> number = versionNumber(pieces->version);
+  Pieces pieces;
+  if (!split(line, pieces)) return false;
+  const std::optional<std::uint32_t> number = versionNumber(pieces.version);
   if (!number) {
-    if (visibleChars.hasAll(pieces->version)) protocol = Protocol::unknown;
+    if (visibleChars.hasAll(pieces.version)) protocol = Protocol::unknown;
     return false;
   }
   version = *number;
-  const Method named = methodOf(pieces->method);
+  const Method named = methodOf(pieces.method);
   if (named == Method::unknown) {
     method = Method::unknown;
     return false;
   }
   // A fragment never leaves the client (RFC 9112, 3.2.1); a target that holds one is read differently by others.
-  if (pieces->target.find('#') != std::string_view::npos || !isTargetFor(named, pieces->target)) return false;
+  if (pieces.fragment || !isTargetFor(named, pieces.target)) return false;
   method = named;
-  uri.assign(pieces->target);
+  assignForReuse(uri, pieces.target);
   return true;
 }
 

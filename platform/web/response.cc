@@ -51,7 +51,7 @@ void Response::sendFile(std::string_view path, std::string_view contentType, boo
     headers.addHeader("Content-Type", getContentType(path, nullptr), false);
   }
   body.clear();
-  file.assign(path);
+  assignForReuse(file, path);
   deleteFile = remove;
 }
 

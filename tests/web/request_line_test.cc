@@ -209,6 +209,24 @@ TEST(RequestLine, EveryByteAtEveryPlace) {
 }
 
 // A malformed request on a connection that has served others is not taken for what those were.
+// Long targets are looked at by several bytes at a time.
+TEST(RequestLine, EveryByteAtEveryPlaceOfALongTarget) {
+  const std::string target = "/skins/a-longer-name.css?with=a&query=of+it";
+  for (std::size_t place = 1; place < target.size(); ++place) {
+    for (int byte = 0; byte < 256; ++byte) {
+      std::string changed = target;
+      changed[place] = static_cast<char>(byte);
+      const bool visible = byte > 0x20 && byte < 0x7f;
+      EXPECT_EQ(parse("GET " + changed + " HTTP/1.1"), visible && byte != '#' ? Outcome::good : Outcome::malformed)
+          << byte << " at " << place;
+      EXPECT_EQ(parse("PATCH " + changed + " HTTP/1.1"), visible ? Outcome::unknownMethod : Outcome::malformed)
+          << byte << " at " << place;
+      EXPECT_EQ(parse("GET " + changed + " HTTP/2.0"), visible ? Outcome::unknownProtocol : Outcome::malformed)
+          << byte << " at " << place;
+    }
+  }
+}
+
 TEST(RequestLine, OutcomeDoesNotDependOnTheRequestBefore) {
   Request request(false, false);
   for (const char* before : {"POST /x HTTP/1.0", "PATCH / HTTP/1.1", "GET / FTP/1.0", "GET /", ""}) {
