@@ -274,8 +274,11 @@ TEST_F(SocketLinkTest, FramesArriveByteByByte) {
 
 TEST_F(SocketLinkTest, WhatIsSentInATurnLeavesInOneWrite) {
   join();
+  EXPECT_FALSE(link->resume());
+  EXPECT_TRUE(link->atRest());
   for (std::uint32_t i = 0; i < 10; ++i)
     EXPECT_TRUE(send(i, pattern(100)));
+  EXPECT_FALSE(link->atRest());
   Bytes raw(1U << 16);
   EXPECT_EQ(read(broker.get(), raw.data(), raw.size()), -1);
   link->flush();
@@ -336,13 +339,17 @@ TEST_F(SocketLinkTest, ALinkThatTheKernelRefusesToWatchForRoomIsGivenUp) {
 TEST_F(SocketLinkTest, ManyFramesAreDealtWithInPortions) {
   settings.framesPerTurn = 4;
   join();
+  EXPECT_FALSE(link->resume());
   for (std::uint32_t i = 0; i < 10; ++i)
     feedFrame(FrameKind::message, i, pattern(3));
   readable();
   EXPECT_EQ(sink.frames.size(), 4U);
+  EXPECT_FALSE(link->atRest());
   EXPECT_TRUE(link->resume());
   EXPECT_EQ(sink.frames.size(), 8U);
+  EXPECT_FALSE(link->atRest());
   EXPECT_FALSE(link->resume());
+  EXPECT_TRUE(link->atRest());
   ASSERT_EQ(sink.frames.size(), 10U);
   for (std::uint32_t i = 0; i < 10; ++i)
     EXPECT_EQ(sink.frames[i].peer, i);
@@ -436,9 +443,11 @@ TEST_F(SocketLinkTest, FramesCanBeWaitedFor) {
   EXPECT_EQ(link->waitForFrames(Clock::now() - milliseconds(1)), BusLink::Wait::timedOut);
   EXPECT_EQ(link->waitForFrames(Clock::now() + milliseconds(2)), BusLink::Wait::timedOut);
   EXPECT_TRUE(send(5, Bytes{0x4D, 0x32}));
+  EXPECT_FALSE(link->resume());
   feedFrame(FrameKind::message, 5, pattern(3));
   EXPECT_EQ(link->waitForFrames(Clock::now() + milliseconds(5000)), BusLink::Wait::frames);
   EXPECT_TRUE(readMessage());  // it was flushed before the wait
+  EXPECT_FALSE(link->atRest());
   ASSERT_EQ(sink.frames.size(), 1U);
   broker.reset();
   EXPECT_EQ(link->waitForFrames(Clock::now() + milliseconds(5000)), BusLink::Wait::lost);

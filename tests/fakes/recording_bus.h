@@ -98,7 +98,10 @@ class RecordingBus : public BusLink {
 
   // ---- BusLink
 
-  void open(Sink& sink) override { sink_ = &sink; }
+  void open(Sink& sink) override {
+    sink_ = &sink;
+    atRest_ = true;
+  }
   [[nodiscard]] std::uint32_t id() const override { return id_; }
   bool send(FrameKind kind, std::uint32_t peer, std::span<const std::uint8_t> payload, UniqueFd descriptor) override {
     if (id_ == 0 || refuseSends) return false;
