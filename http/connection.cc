@@ -150,10 +150,6 @@ void Connection::freeIfEnded() {
   if (state_ == State::Ended) connections().erase(self_);
 }
 
-void Connection::runRequestEnd() {
-  if (const auto end = std::exchange(request_.onRequestEnd, nullptr)) end();
-}
-
 void Connection::park() {
   state_ = State::Dispatched;
   runner_.removeSocket(socket_.get());
@@ -174,8 +170,8 @@ void Connection::complete() {
 }
 
 // A parked connection's socket is not watched, so there is nothing to change.
-void Connection::watch(unsigned mask) {
-  if (std::exchange(watched_, mask) == mask) return;
+void Connection::changeWatch(unsigned mask) {
+  watched_ = mask;
   const int fd = socket_.get();
   if (runner_.changeSocket(fd, mask)) return;
   runner_.addNonBlocking(fd, mask, [this](int socket, unsigned events) { onSocketEvent(socket, events); });

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "http/outgoing.h"
 #include "http/site.h"
@@ -89,10 +90,16 @@ class Connection {
   void destroy();
   void closeSocket();
   void freeIfEnded();
-  void runRequestEnd();
+  void runRequestEnd() {
+    if (request_.onRequestEnd) std::exchange(request_.onRequestEnd, nullptr)();
+  }
   void park();
   void complete();
-  void watch(unsigned mask);
+  // What the runner is to tell of; nothing is done when it knows.
+  void watch(unsigned mask) {
+    if (watched_ != mask) changeWatch(mask);
+  }
+  void changeWatch(unsigned mask);
 
   // connection_read.cc: from bytes to a request
   void onReadable();

@@ -99,7 +99,7 @@ void Connection::readHead(std::size_t scanFrom) {
     case Scan::complete:
       // What follows the header block is the beginning of a body.
       dropFront(lineStart);
-      setLength(fill_);
+      work_->buffer.erase(fill_);
       state_ = State::Dispatched;
       dispatch();
       return;

@@ -210,11 +210,14 @@ void EpollRunner::drained(int fd, unsigned bits) {
   Slot* slot = find(fd);
   if (slot == nullptr) return;
   slot->ready = static_cast<std::uint8_t>((slot->ready & ~bits) | slot->lasting);
-  if (!slot->cached || (bits & writable) == 0 || slot->writes) return;
-  slot->writes = true;
-  if (!slot->introduced || tellKernel(EPOLL_CTL_MOD, fd, *slot)) return;
-  slot->ready |= hangUp;
-  enqueue(fd, *slot);
+  if ((bits & writable) != 0 && slot->cached && !slot->writes) awaitRoom(fd, *slot);
+}
+
+void EpollRunner::awaitRoom(int fd, Slot& slot) {
+  slot.writes = true;
+  if (!slot.introduced || tellKernel(EPOLL_CTL_MOD, fd, slot)) return;
+  slot.ready |= hangUp;
+  enqueue(fd, slot);
 }
 
 bool EpollRunner::isReady(int fd, unsigned bits) const {

@@ -90,6 +90,7 @@ class EpollRunner : public ThinRunner {
   bool tellKernel(int operation, int fd, const Slot& slot);
   bool introduce(int fd, Slot& slot);
   void introduceUnknown();
+  void awaitRoom(int fd, Slot& slot);
   void vacate(int fd, Slot& slot);
   void enqueue(int fd, Slot& slot);
   void note(const epoll_event& event);

@@ -142,10 +142,10 @@ void TimerQueue::setNow(Clock::time_point now) {
 
 std::optional<Clock::time_point> TimerQueue::nextDeadline() const {
   expired_->settle();
-  if (expired_->head != nullptr) return expired_->head->deadline_;
-  const Timer::Lane* lane = earliestLane();
+  const Timer::Lane* lane = expired_->head != nullptr ? expired_.get() : earliestLane();
+  noneBefore_ = lane != nullptr ? lane->head->deadline_ : Clock::time_point::max();
   if (lane == nullptr) return std::nullopt;
-  return lane->head->deadline_;
+  return noneBefore_;
 }
 
 int TimerQueue::nextTimeout() const {
@@ -170,7 +170,7 @@ void TimerQueue::runExpired(Clock::time_point now) {
     expired_->unlink(timer);
     if (std::exchange(timer.armed_, false)) timer.expire();
   }
-  noneBefore_ = nextDeadline().value_or(Clock::time_point::max());
+  (void)nextDeadline();
 }
 
 Timer::Lane& TimerQueue::lane(std::uint32_t ms) {

@@ -71,7 +71,7 @@ class TimerQueue {
 
   Clock::time_point now_;
   // No timer expires before this: kept with every timer armed, and looked up when it has passed.
-  Clock::time_point noneBefore_ = Clock::time_point::max();
+  mutable Clock::time_point noneBefore_ = Clock::time_point::max();
   std::vector<std::unique_ptr<Timer::Lane>> lanes_;  // by duration, shortest first
   Timer::Lane* lastLane_ = nullptr;                  // that was asked for last; most ask for the same
   std::unique_ptr<Timer::Lane> expired_;             // taken from the lanes by runExpired, not run yet
