@@ -62,23 +62,27 @@ CachedFile::CachedFile(UniqueFd fd, const struct stat& status)
 void CachedFile::keepHead(FileHead head) const {
   lastHead_ = std::move(head);
   whole_ = mapping_.withHead(lastHead_.text);
+  if (whole_.empty()) ownHead_.assign(lastHead_.text);
+  lastHead_.text = whole_.empty() ? std::string_view(ownHead_) : whole_.substr(0, lastHead_.text.size());
   ++heads_;
 }
 
-std::shared_ptr<const CachedFile> FileCache::find(std::string_view path, const struct stat& status, Place* place) {
-  Place any;
-  if (place == nullptr) place = &any;
-  if (place->drops_ != drops_) {
-    const auto found = byPath_.find(path);
-    if (found == byPath_.end()) return nullptr;
-    place->entry_ = found->second;
-    place->drops_ = drops_;
-  }
-  const Files::iterator entry = place->entry_;
+std::shared_ptr<const CachedFile> FileCache::search(std::string_view path, const struct stat& status, Place* place) {
+  const auto found = byPath_.find(path);
+  if (found == byPath_.end()) return nullptr;
+  const Files::iterator entry = found->second;
   if (!entry->file->is(status)) {
     drop(entry);
     return nullptr;
   }
+  if (place != nullptr) {
+    place->entry_ = entry;
+    place->drops_ = drops_;
+  }
+  return use(entry);
+}
+
+std::shared_ptr<const CachedFile> FileCache::use(Files::iterator entry) {
   entry->used = true;
   if (entry != files_.begin()) files_.splice(files_.begin(), files_, entry);
   return entry->file;

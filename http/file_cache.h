@@ -22,7 +22,7 @@ struct FileHead {
   std::int64_t second = -1;
   bool cacheable = false;
   bool keepAlive = false;
-  std::string text;
+  std::string_view text;
 };
 
 // A small file mapped into memory, with room right before it for the head of a response: so both are one piece for the
@@ -62,8 +62,10 @@ class CachedFile {
   [[nodiscard]] std::string_view mapped() const { return mapping_.file(); }
   // Modification time as HTTP date.
   [[nodiscard]] std::string_view lastModified() const { return lastModified_; }
-  // The head it was sent with last; the response writer's.
+  // The head it was sent with last; the response writer's. Its text is kept before the mapped file, and only there, so
+  // that it is in the processor's cache already when the kernel copies the two.
   [[nodiscard]] const FileHead& lastHead() const { return lastHead_; }
+  // Takes a copy of the text.
   void keepHead(FileHead head) const;
   // How many heads were kept so far.
   [[nodiscard]] std::uint64_t heads() const { return heads_; }
@@ -72,13 +74,15 @@ class CachedFile {
   [[nodiscard]] bool is(const struct stat& status) const { return isSameFile(status, status_); }
 
  private:
+  // In front what each response asks for, so that it lies together.
+  mutable std::string_view whole_;
+  mutable std::uint64_t heads_ = 0;
+  mutable FileHead lastHead_;
   UniqueFd fd_;
   struct stat status_;
   mutable FileMapping mapping_;
   std::string lastModified_;
-  mutable FileHead lastHead_;
-  mutable std::string_view whole_;
-  mutable std::uint64_t heads_ = 0;
+  mutable std::string ownHead_;  // when the file has no room for it
 };
 
 // The files served lately, by path. What is not asked for during a while is let go, so that a deleted file's space
@@ -108,9 +112,11 @@ class FileCache {
   };
 
   // The file of that path when `status`, which must be of this moment, says that it is the one held. Null: none is
-  // held, or it was another one, which is let go. `place` is for that path alone; null is none.
+  // held, or it was another one, which is let go. `place` is for that path and that status alone; null is none.
   [[nodiscard]] std::shared_ptr<const CachedFile> find(std::string_view path, const struct stat& status,
-                                                       Place* place = nullptr);
+                                                       Place* place = nullptr) {
+    return place != nullptr && place->drops_ == drops_ ? use(place->entry_) : search(path, status, place);
+  }
 
   // Takes an open file; `status` is fstat's word on it. Null, and `fd` is left alone: it is no regular file, or by its
   // own word empty. The runner drives the sweeps.
@@ -124,6 +130,9 @@ class FileCache {
   [[nodiscard]] std::size_t totalBytes() const { return totalBytes_; }  // mapped
 
  private:
+  [[nodiscard]] std::shared_ptr<const CachedFile> search(std::string_view path, const struct stat& status,
+                                                         Place* place);
+  [[nodiscard]] std::shared_ptr<const CachedFile> use(Files::iterator entry);
   void drop(Files::iterator entry);
   void makeRoom(std::size_t bytes);
   void armSweep(tn::ThinRunner& runner);

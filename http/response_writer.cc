@@ -30,7 +30,12 @@ class Writer {
   void build(std::string& head) {
     if (response_.status < 300 && !response_.file.empty() && !openFile()) response_.sendError(404, "");
     if (response_.status >= 300) putErrorPage();
-    if (sameHeadAsLast(head)) return;
+    if (!sameHeadAsLast(head)) makeHead(head);
+  }
+
+ private:
+  // Apart from `build`, which for most responses is all that is needed and so wants to be small.
+  [[gnu::noinline]] void makeHead(std::string& head) {
     const std::string ownFields = repeatable() ? std::string(response_.headers.text()) : std::string();
     if (fileOpen()) {
       putFile();
@@ -47,7 +52,6 @@ class Writer {
     }
   }
 
- private:
   void set(std::string_view name, std::string_view value) { response_.headers.addHeader(name, value, false); }
   void set(std::string_view name, std::uint32_t value) {
     response_.headers.addHeader(name, std::uint64_t{value}, false);
@@ -80,13 +84,18 @@ class Writer {
   bool openFile() {
     const struct stat* known = response_.deleteFile ? nullptr : rememberedFile(response_.file);
     if (known != nullptr) {
-      if (!S_ISREG(known->st_mode)) return false;
       out_.cached = fileCache().find(response_.file, *known, rememberedPlace());
       if (out_.cached) {
         status_ = &out_.cached->status();
         return true;
       }
+      if (!S_ISREG(known->st_mode)) return false;
     }
+    return openUnknown(known != nullptr);
+  }
+
+  // `remembered`: it is a file for the cache.
+  bool openUnknown(bool remembered) {
     UniqueFd fd(open(response_.file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     if (!fd) return false;
     if (fstat(fd.get(), &opened_) == 0) {
@@ -96,7 +105,7 @@ class Writer {
       logSystemError("fstat");
     }
     if (response_.deleteFile) unlink(response_.file.c_str());
-    if (known != nullptr && status_ != nullptr) out_.cached = fileCache().insert(runner_, response_.file, fd, *status_);
+    if (remembered && status_ != nullptr) out_.cached = fileCache().insert(runner_, response_.file, fd, *status_);
     out_.fileFd = std::move(fd);
     return true;
   }

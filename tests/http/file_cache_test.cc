@@ -109,6 +109,55 @@ TEST_F(FileCacheTest, TellsEveryStatThatDiffers) {
   }
 }
 
+TEST_F(FileCacheTest, APlaceIsGoodUntilSomethingIsLetGo) {
+  const std::string path = dir.write("a", "contents");
+  const struct stat status = statusOf(path);
+  FileCache::Place place;
+  EXPECT_EQ(cache.find(path, status, &place), nullptr);
+  const auto first = insert(path);
+  EXPECT_EQ(cache.find(path, status, &place), first);
+  EXPECT_EQ(cache.find(path, status, &place), first);
+  const auto second = insert(path);
+  EXPECT_EQ(cache.find(path, status, &place), second) << "the first was let go";
+  FileCache::Place other;
+  dir.replace("a", "CONTENTS");
+  EXPECT_EQ(cache.find(path, statusOf(path), &other), nullptr) << "a new place is not believed";
+  EXPECT_EQ(cache.find(path, status, &place), nullptr) << "and that let the file go";
+  const auto third = insert(path);
+  EXPECT_EQ(cache.find(path, statusOf(path), &other), third);
+  cache.clear();
+  EXPECT_EQ(cache.find(path, statusOf(path), &other), nullptr);
+}
+
+// A file that is found at its place is in use.
+TEST_F(FileCacheTest, AFileFoundAtItsPlaceIsNotLetGo) {
+  const std::string path = dir.write("a", "contents");
+  FileCache::Place place;
+  insert(path);
+  for (int sweeps = 0; sweeps < 3; ++sweeps) {
+    EXPECT_NE(cache.find(path, statusOf(path), &place), nullptr);
+    runner.advance(FileCache::sweepMs);
+  }
+  EXPECT_EQ(cache.fileCount(), 1U);
+}
+
+TEST_F(FileCacheTest, KeepsItsLastHeadBeforeTheFileOrAlone) {
+  for (const std::size_t size : {std::size_t{8}, FileCache::maxMappedBytes + 1}) {
+    const auto file = insert(dir.write("file" + std::to_string(size), std::string(size, 'x')));
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(file->lastHead().second, -1);
+    for (const char* text : {"head", "a longer head, and more of it than fits into a short string", "h"}) {
+      std::string head = text;
+      file->keepHead({"fields", 5, true, false, head});
+      head.assign(head.size(), '-');
+      EXPECT_EQ(file->lastHead().text, text);
+      EXPECT_EQ(file->lastHead().fields, "fields");
+      EXPECT_EQ(file->whole(), size == 8 ? std::string(text) + "xxxxxxxx" : "");
+    }
+    EXPECT_EQ(file->heads(), 3U);
+  }
+}
+
 TEST_F(FileCacheTest, LeavesAloneWhatHasNoBytesToKeep) {
   EXPECT_EQ(insert(dir.write("empty", "")), nullptr);
   EXPECT_EQ(insert("/dev/zero"), nullptr);
