@@ -13,37 +13,18 @@ FileAnswers answers;
 
 }  // namespace
 
-const FileAnswer* FileAnswers::find(const void* owner, std::string_view question, Place& place) {
-  if (runner_ == nullptr || entries_.empty()) return nullptr;
-  if (!checked_) check();
-  if (place.drops_ != drops_) {
-    place.entry_ = recent(owner, question);
-    if (place.entry_ == nullptr) {
-      const auto found = byKey_.find(Key{owner, question});
-      if (found == byKey_.end()) return nullptr;
-      place.entry_ = found->second->get();
-    }
-    place.drops_ = drops_;
-  }
-  Entry& entry = *place.entry_;
-  if (!entry.facts_.hold() || !stillSame(entry)) {
-    drop(entry.self_);
-    return nullptr;
-  }
-  entry.used_ = true;
-  // A folder and a file in it are asked for in turn: they need not change places each time.
-  const auto front = entries_.begin();
-  if (entry.self_ != front && entry.self_ != std::next(front)) entries_.splice(front, entries_, entry.self_);
-  return &entry.answer;
-}
-
-// One of the two that were used last, if it is the one.
-FileAnswers::Entry* FileAnswers::recent(const void* owner, std::string_view question) const {
+// Mostly it is one of the two that were used last.
+FileAnswers::Entry* FileAnswers::locate(const void* owner, std::string_view question) const {
   int left = 2;
   for (auto entry = entries_.begin(); left != 0 && entry != entries_.end(); ++entry, --left) {
     if ((*entry)->owner_ == owner && (*entry)->question_ == question) return entry->get();
   }
-  return nullptr;
+  return search(owner, question);
+}
+
+FileAnswers::Entry* FileAnswers::search(const void* owner, std::string_view question) const {
+  const auto found = byKey_.find(Key{owner, question});
+  return found != byKey_.end() ? found->second->get() : nullptr;
 }
 
 void FileAnswers::check() {
@@ -60,12 +41,12 @@ void FileAnswers::join() {
   newsAfter_ = runner_->waits();
 }
 
-// Of a folder nothing is told that could go stale unannounced.
+// Once in a second. Of a folder nothing is told that could go stale unannounced.
 bool FileAnswers::stillSame(Entry& entry) const {
-  if (checkedAt_ == entry.looked_ || S_ISDIR(entry.answer.status.st_mode)) return true;
   entry.looked_ = checkedAt_;
+  if (S_ISDIR(entry.answer_.status.st_mode)) return true;
   struct stat status {};
-  return stat(entry.answer.path.c_str(), &status) == 0 && isSameFile(status, entry.answer.status);
+  return stat(entry.answer_.path.c_str(), &status) == 0 && isSameFile(status, entry.answer_.status);
 }
 
 // At the second time, the fourth, the eighth and so on.
@@ -89,7 +70,7 @@ const FileAnswer* FileAnswers::insert(std::unique_ptr<Entry> entry) {
   entries_.front()->self_ = entries_.begin();
   byKey_.emplace(key, entries_.begin());
   armSweep();
-  return &entries_.front()->answer;
+  return &entries_.front()->answer_;
 }
 
 void FileAnswers::drop(Entries::iterator entry) {

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <ctime>
+#include <iterator>
 #include <list>
 #include <memory>
 #include <string>
@@ -18,10 +19,10 @@
 // The file, or folder, that a question of a servlet leads to.
 struct FileAnswer {
   std::string path;
-  struct stat status {};
   std::string_view contentType;      // lives for ever
   bool compressed = false;           // the ".gz" variant in the place of the file itself
-  mutable FileCache::Place place{};  // of that path
+  mutable FileCache::Place place{};  // of that path and status
+  struct stat status {};
 };
 
 // What servlets have found in the file system lately, kept as long as it is proved to hold (see PathWatch), so that a
@@ -39,16 +40,15 @@ class FileAnswers {
    public:
     Entry(const void* owner, std::string_view question) : owner_(owner), question_(question) {}
 
-    FileAnswer answer;
-
    private:
     friend class FileAnswers;
     const void* owner_;
     std::string question_;
-    PathWatch::Facts facts_;
     std::list<std::unique_ptr<Entry>>::iterator self_;
-    std::time_t looked_ = 0;  // the second in which the file was last looked at
+    std::time_t looked_ = 0;  // the second in which it was last looked at
     bool used_ = true;        // since the last sweep
+    PathWatch::Facts facts_;
+    FileAnswer answer_;
   };
   using Entries = std::list<std::unique_ptr<Entry>>;
 
@@ -78,11 +78,20 @@ class FileAnswers {
 
   // Null: nothing is kept. The answer dies at the next call.
   [[nodiscard]] const FileAnswer* find(const void* owner, std::string_view question) {
-    Place place;
-    return find(owner, question, place);
+    if (!mayKnow()) return nullptr;
+    Entry* const entry = locate(owner, question);
+    return entry != nullptr ? use(*entry) : nullptr;
   }
   // For an owner that asks the same question all the time, and has a place for that question alone.
-  [[nodiscard]] const FileAnswer* find(const void* owner, std::string_view question, Place& place);
+  [[nodiscard]] const FileAnswer* find(const void* owner, std::string_view question, Place& place) {
+    if (!mayKnow()) return nullptr;
+    if (place.drops_ != drops_) {
+      place.entry_ = locate(owner, question);
+      if (place.entry_ == nullptr) return nullptr;
+      place.drops_ = drops_;
+    }
+    return use(*place.entry_);
+  }
 
   // After a find that returned null: looks for the answer through `look(view, answer)`, which returns whether there is
   // one, when it is worth to be kept. Null, and most often `look` was not called: it is not kept.
@@ -91,7 +100,7 @@ class FileAnswers {
     if (!isWanted(owner, question)) return nullptr;
     auto entry = std::make_unique<Entry>(owner, question);
     WatchedView view(watch_, entry->facts_);
-    return look(static_cast<tn::FileView&>(view), entry->answer) ? insert(std::move(entry)) : nullptr;
+    return look(static_cast<tn::FileView&>(view), entry->answer_) ? insert(std::move(entry)) : nullptr;
   }
 
   // Lets everything go. The runner of the last request that kept something must still live.
@@ -119,7 +128,25 @@ class FileAnswers {
   static constexpr std::uint64_t noWait = UINT64_MAX;
   void check();
   void join();
-  [[nodiscard]] Entry* recent(const void* owner, std::string_view question) const;
+  // After this an answer that is still there and holds may be used.
+  [[nodiscard]] bool mayKnow() {
+    if (runner_ == nullptr || entries_.empty()) return false;
+    if (!checked_) check();
+    return true;
+  }
+  [[nodiscard]] const FileAnswer* use(Entry& entry) {
+    if (!entry.facts_.hold() || (entry.looked_ != checkedAt_ && !stillSame(entry))) {
+      drop(entry.self_);
+      return nullptr;
+    }
+    entry.used_ = true;
+    // A folder and a file in it are asked for in turn: they need not change places each time.
+    const auto front = entries_.begin();
+    if (entry.self_ != front && entry.self_ != std::next(front)) entries_.splice(front, entries_, entry.self_);
+    return &entry.answer_;
+  }
+  [[nodiscard]] Entry* locate(const void* owner, std::string_view question) const;
+  [[nodiscard]] Entry* search(const void* owner, std::string_view question) const;
   [[nodiscard]] bool isWanted(const void* owner, std::string_view question);
   const FileAnswer* insert(std::unique_ptr<Entry> entry);
   [[nodiscard]] bool stillSame(Entry& entry) const;

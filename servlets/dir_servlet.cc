@@ -63,17 +63,21 @@ bool DirServlet::rootIsDirectory(tn::FileView& view) const {
 }
 
 bool DirServlet::isDirectory() {
-  const FileAnswer* known = fileAnswers().find(&root_, {}, rootPlace_);
-  if (known == nullptr) {
-    known = fileAnswers().keep(&root_, {}, [this](tn::FileView& view, FileAnswer& answer) {
-      const std::optional<struct stat> status = view.status(root_);
-      if (status) answer = {root_, *status, {}, false};
-      return status.has_value();
-    });
-  }
-  tn::FileView view;
-  knownDirectory_ = known != nullptr ? S_ISDIR(known->status.st_mode) : rootIsDirectory(view);
+  const FileAnswer* const known = fileAnswers().find(&root_, {}, rootPlace_);
+  knownDirectory_ = known != nullptr ? S_ISDIR(known->status.st_mode) : lookAtRoot();
   return *knownDirectory_;
+}
+
+bool DirServlet::lookAtRoot() {
+  const FileAnswer* const kept = fileAnswers().keep(&root_, {}, [this](tn::FileView& view, FileAnswer& answer) {
+    const std::optional<struct stat> status = view.status(root_);
+    if (!status) return false;
+    answer.path = root_;
+    answer.status = *status;
+    return true;
+  });
+  tn::FileView view;
+  return kept != nullptr ? S_ISDIR(kept->status.st_mode) : rootIsDirectory(view);
 }
 
 void DirServlet::doGet(Request& request, Response& response) {
@@ -81,8 +85,13 @@ void DirServlet::doGet(Request& request, Response& response) {
   const std::string& wanted = request.pathInfoSet ? request.pathInfo : request.uri;
   if (const FileAnswer* known = fileAnswers().find(this, wanted)) {
     answerKept(*known, request, response);
-    return;
+  } else {
+    answerNew(wanted, directory, request, response);
   }
+}
+
+void DirServlet::answerNew(std::string_view wanted, std::optional<bool> directory, const Request& request,
+                           Response& response) {
   if (!isPlainPath(wanted)) {
     response.sendError(404, "");
     return;

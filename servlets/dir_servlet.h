@@ -20,9 +20,13 @@ class DirServlet : public Servlet {
   void doGet(Request& request, Response& response) override;
 
  private:
+  // What isDirectory says when it is not known.
+  [[nodiscard]] bool lookAtRoot();
   [[nodiscard]] bool rootIsDirectory(tn::FileView& view) const;
   // The file for a path below the servlet; 0, or the status of the error that answers it.
   [[nodiscard]] int look(std::string_view wanted, bool directory, tn::FileView& view, FileAnswer& answer) const;
+  // A file that was not known before; `directory` is what isDirectory has said in this request.
+  void answerNew(std::string_view wanted, std::optional<bool> directory, const Request& request, Response& response);
   void answer(const FileAnswer& found, const Request& request, Response& response) const;
   void answerKept(const FileAnswer& kept, const Request& request, Response& response) const;
 
