@@ -33,7 +33,7 @@ bool isPlain(std::string_view line, std::string_view name, std::string_view valu
 
 // Nearly all requests name the same host: a line like the last plain one that was found to be good need not be taken
 // apart again.
-std::string lastHostLine{"Host: "};  // NOLINT(cert-err58-cpp)
+std::string lastHostLine{"Host: "};
 constexpr std::size_t hostNameLength = 4;
 
 bool isFieldContent(std::string_view value) {
