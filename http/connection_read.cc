@@ -9,6 +9,7 @@
 #include "http/forward_header.h"
 #include "http/servlet_choice.h"
 #include "platform/log.h"
+#include "platform/web/reuse.h"
 
 namespace {
 
@@ -171,13 +172,13 @@ void Connection::dispatch() {
 
   fileAnswers().beginRequest(runner_, announced_, newsHeard_);
   const Target target = splitTarget(request_.uri);
-  if (!target.query.empty()) request_.query.assign(target.query);
+  if (!target.query.empty()) assignForReuse(request_.query, target.query);
   const ServletChoice choice = chooseServlet(server_, target.path);
   forgetFile();
   if (choice.servlet == nullptr) {
     response_.sendError(404, "");
   } else {
-    request_.pathInfo.assign(choice.pathInfo);
+    assignForReuse(request_.pathInfo, choice.pathInfo);
     request_.pathInfoSet = true;
     choice.servlet->doMethod(request_, response_);
   }
