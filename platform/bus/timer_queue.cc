@@ -15,8 +15,8 @@ struct Timer::Lane {
 
   void append(Timer& timer);
   void unlink(Timer& timer);
-  // Takes the timer in where its deadline says.
-  void insert(Timer& timer);
+  // Before `next`; null is the end.
+  void insert(Timer& timer, Timer* next);
   // Moves on what stands at the head but does not expire there.
   void settle();
 
@@ -41,11 +41,7 @@ void Timer::Lane::unlink(Timer& timer) {
   timer.lane_ = nullptr;
 }
 
-// From the end, where those stand that are armed anew all the time.
-void Timer::Lane::insert(Timer& timer) {
-  Timer* next = nullptr;
-  for (Timer* other = tail; other != nullptr && other->place_ > timer.deadline_; other = other->previous_)
-    next = other;
+void Timer::Lane::insert(Timer& timer, Timer* next) {
   if (next == nullptr) return append(timer);
   timer.lane_ = this;
   timer.place_ = timer.deadline_;
@@ -54,11 +50,25 @@ void Timer::Lane::insert(Timer& timer) {
   (timer.previous_ != nullptr ? timer.previous_->next_ : head) = &timer;
 }
 
+// Those that move on do it together, in one walk from the end, where those stand that are armed anew all the time: when
+// nothing was settled for as long as the lane's duration, they may be all.
 void Timer::Lane::settle() {
-  while (head != nullptr && (!head->armed_ || head->place_ != head->deadline_)) {
+  const auto isSettled = [](const Timer& timer) { return timer.armed_ && timer.place_ == timer.deadline_; };
+  if (head == nullptr || isSettled(*head)) return;
+  std::vector<Timer*> moving;
+  while (head != nullptr && !isSettled(*head)) {
     Timer& timer = *head;
     unlink(timer);
-    if (timer.armed_) insert(timer);
+    if (timer.armed_) moving.push_back(&timer);
+  }
+  std::ranges::sort(moving, {}, &Timer::deadline_);
+  Timer* next = nullptr;
+  for (auto timer = moving.rbegin(); timer != moving.rend(); ++timer) {
+    Timer* before = next != nullptr ? next->previous_ : tail;
+    while (before != nullptr && before->place_ > (*timer)->deadline_)
+      next = std::exchange(before, before->previous_);
+    insert(**timer, next);
+    next = *timer;
   }
 }
 
