@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <span>
 #include <sys/socket.h>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "fuzz/quiet.h"
+#include "fuzz/require.h"
 #include "platform/bus/frame.h"
 #include "platform/bus/message.h"
 #include "platform/unique_fd.h"
@@ -31,10 +31,6 @@ using Bytes = std::span<const std::uint8_t>;
 constexpr std::size_t programs = 4;
 constexpr std::uint32_t askedId = 70;
 constexpr std::size_t smallQueue = 20000;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 enum class Step : std::uint8_t {
   bytes,           // as many bytes as the next one says, as they are

@@ -1,21 +1,17 @@
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "fuzz/require.h"
 #include "jsproxy/text_code.h"
 
 // The forms in which bytes travel through browsers, beside a description of each that is written for nothing but to be
 // plain.
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // The low 8 bits of each character up to U+01FF, one or two bytes each.
 std::optional<std::string> bytesOf(std::string_view text) {

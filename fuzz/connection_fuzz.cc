@@ -3,7 +3,6 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <poll.h>
 #include <span>
 #include <string>
@@ -11,6 +10,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "fuzz/require.h"
 #include "http/connection.h"
 #include "platform/web/servlet.h"
 #include "tests/fakes/fake_runner.h"
@@ -37,10 +37,6 @@ namespace {
 using State = Connection::State;
 
 constexpr std::size_t largeText = 40000;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // Answers by the target's first letter: "e" an error, "f" a file, "l" later, "d" a body and later, "p" a body and then
 // a text, "o" the first piece of one and then a text; anything else a text. Bodies come in pieces of as many bytes as

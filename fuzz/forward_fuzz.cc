@@ -2,12 +2,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <span>
 #include <string>
 #include <sys/socket.h>
 
+#include "fuzz/require.h"
 #include "http/forward_header.h"
 #include "platform/bus/message.h"
 #include "platform/web/forwarding.h"
@@ -18,10 +18,6 @@ constexpr std::size_t addressBytes = 28;
 constexpr std::size_t tagOffset = 3 * addressBytes;
 
 using Header = std::array<std::uint8_t, forwardHeaderBytes>;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::uint32_t bigEndian(std::span<const std::uint8_t> bytes) {
   std::uint32_t number = 0;

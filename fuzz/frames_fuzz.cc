@@ -2,12 +2,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <span>
 #include <sys/socket.h>
 #include <utility>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "platform/bus/frame_reader.h"
 #include "platform/unique_fd.h"
 
@@ -22,10 +22,6 @@ struct Outcome {
   bool broken = false;
   friend bool operator==(const Outcome&, const Outcome&) = default;
 };
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // What the stream holds, read in one go.
 Outcome expected(Bytes stream) {

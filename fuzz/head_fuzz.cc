@@ -1,16 +1,12 @@
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "fuzz/require.h"
 #include "tools/forwarder/request_head.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::size_t linesOf(std::string_view text, std::string_view line) {
   std::size_t count = 0;

@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <span>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "services/busd/intake.h"
 #include "services/busd/limits.h"
 
@@ -15,10 +15,6 @@ using busd::Intake;
 using busd::Received;
 using Bytes = std::span<const std::uint8_t>;
 using Stream = std::vector<std::uint8_t>;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 struct Outcome {
   std::vector<Stream> frames;

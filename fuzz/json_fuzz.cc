@@ -2,7 +2,6 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <span>
 #include <string>
 #include <string_view>
@@ -10,14 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "fuzz/require.h"
 #include "jsproxy/json_form.h"
 #include "platform/bus/message.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::string written(const tn::message& msg) {
   std::string text;

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <span>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "fuzz/quiet.h"
+#include "fuzz/require.h"
 #include "platform/bus/frame_reader.h"
 #include "platform/bus/looper.h"
 #include "platform/bus/socket_link.h"
@@ -46,10 +46,6 @@ using Buffer = std::vector<std::uint8_t>;
 
 constexpr std::uint32_t busyId = 7;
 constexpr std::uint32_t neighbour = 68;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // Does with a message whatever can be done with one.
 class Busy : public tn::Handler {

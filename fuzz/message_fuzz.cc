@@ -1,19 +1,11 @@
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <span>
 #include <string>
 
+#include "fuzz/require.h"
 #include "platform/bus/message.h"
 #include "platform/bus/text.h"
-
-namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
-
-}  // namespace
 
 // Flattened messages of any bytes. What is accepted reads back as the same, and shows and types itself without loss.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -2,21 +2,17 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "platform/web/forwarding.h"
 #include "services/hotspotd/form.h"
 #include "services/hotspotd/forwarded.h"
 #include "services/hotspotd/pages.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::string_view takeLine(std::string_view& rest) {
   const std::string_view line = rest.substr(0, rest.find('\n'));

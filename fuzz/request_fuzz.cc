@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "platform/bus/message.h"
 #include "platform/web/ascii.h"
 #include "platform/web/request.h"
@@ -16,10 +16,6 @@
 // length or a further field in.
 
 namespace {
-
-void require(bool claim) {
-  if (!claim) std::abort();
-}
 
 std::vector<std::string> linesOf(std::string_view bytes) {
   std::vector<std::string> lines;

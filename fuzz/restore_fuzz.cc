@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "fuzz/require.h"
 #include "http/response_writer.h"
 #include "platform/bus/message.h"
 #include "platform/web/forwarding.h"
@@ -17,10 +17,6 @@
 // every reader of it ends at the same byte.
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 bool clean(std::string_view text) {
   return std::ranges::none_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\t'; });

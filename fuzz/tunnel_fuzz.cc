@@ -2,13 +2,13 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <map>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "fuzz/quiet.h"
+#include "fuzz/require.h"
 #include "jsproxy/session.h"
 #include "jsproxy/text_code.h"
 #include "platform/byte_order.h"
@@ -19,10 +19,6 @@ using Bytes = std::span<const std::uint8_t>;
 
 constexpr std::uint32_t sessionId = 7;
 constexpr std::size_t paddingBytes = 8;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // What is read of an input; zeros when it is spent.
 class Input {

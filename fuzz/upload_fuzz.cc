@@ -1,19 +1,15 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "fuzz/require.h"
 #include "jsproxy/upload.h"
 
 namespace {
 
 using Result = Upload::Result;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // What became of a body.
 struct Outcome {
