@@ -13,10 +13,10 @@ using std::chrono::milliseconds;
 struct Timer::Lane {
   Lane(TimerQueue* owner, std::uint32_t duration) : queue(owner), ms(duration) {}
 
-  void append(Timer& timer);
-  void unlink(Timer& timer);
   // Before `next`; null is the end.
   void insert(Timer& timer, Timer* next);
+  void append(Timer& timer) { insert(timer, nullptr); }
+  void unlink(Timer& timer);
   // Moves on what stands at the head but does not expire there.
   void settle();
 
@@ -26,28 +26,19 @@ struct Timer::Lane {
   Timer* tail = nullptr;
 };
 
-void Timer::Lane::append(Timer& timer) {
+void Timer::Lane::insert(Timer& timer, Timer* next) {
   timer.lane_ = this;
   timer.place_ = timer.deadline_;
-  timer.previous_ = tail;
-  timer.next_ = nullptr;
-  (tail != nullptr ? tail->next_ : head) = &timer;
-  tail = &timer;
+  timer.next_ = next;
+  timer.previous_ = next != nullptr ? next->previous_ : tail;
+  (timer.previous_ != nullptr ? timer.previous_->next_ : head) = &timer;
+  (next != nullptr ? next->previous_ : tail) = &timer;
 }
 
 void Timer::Lane::unlink(Timer& timer) {
   (timer.previous_ != nullptr ? timer.previous_->next_ : head) = timer.next_;
   (timer.next_ != nullptr ? timer.next_->previous_ : tail) = timer.previous_;
   timer.lane_ = nullptr;
-}
-
-void Timer::Lane::insert(Timer& timer, Timer* next) {
-  if (next == nullptr) return append(timer);
-  timer.lane_ = this;
-  timer.place_ = timer.deadline_;
-  timer.next_ = next;
-  timer.previous_ = std::exchange(next->previous_, &timer);
-  (timer.previous_ != nullptr ? timer.previous_->next_ : head) = &timer;
 }
 
 // Those that move on do it together, in one walk from the end, where those stand that are armed anew all the time: when
