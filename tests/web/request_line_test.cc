@@ -208,7 +208,6 @@ TEST(RequestLine, EveryByteAtEveryPlace) {
   }
 }
 
-// A malformed request on a connection that has served others is not taken for what those were.
 // Long targets are looked at by several bytes at a time.
 TEST(RequestLine, EveryByteAtEveryPlaceOfALongTarget) {
   const std::string target = "/skins/a-longer-name.css?with=a&query=of+it";
@@ -227,6 +226,7 @@ TEST(RequestLine, EveryByteAtEveryPlaceOfALongTarget) {
   }
 }
 
+// A malformed request on a connection that has served others is not taken for what those were.
 TEST(RequestLine, OutcomeDoesNotDependOnTheRequestBefore) {
   Request request(false, false);
   for (const char* before : {"POST /x HTTP/1.0", "PATCH / HTTP/1.1", "GET / FTP/1.0", "GET /", ""}) {
