@@ -19,10 +19,6 @@ FileAnswers::Entry* FileAnswers::locate(const void* owner, std::string_view ques
   for (auto entry = entries_.begin(); left != 0 && entry != entries_.end(); ++entry, --left) {
     if ((*entry)->owner_ == owner && (*entry)->question_ == question) return entry->get();
   }
-  return search(owner, question);
-}
-
-FileAnswers::Entry* FileAnswers::search(const void* owner, std::string_view question) const {
   const auto found = byKey_.find(Key{owner, question});
   return found != byKey_.end() ? found->second->get() : nullptr;
 }

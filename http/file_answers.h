@@ -146,7 +146,6 @@ class FileAnswers {
     return &entry.answer_;
   }
   [[nodiscard]] Entry* locate(const void* owner, std::string_view question) const;
-  [[nodiscard]] Entry* search(const void* owner, std::string_view question) const;
   [[nodiscard]] bool isWanted(const void* owner, std::string_view question);
   const FileAnswer* insert(std::unique_ptr<Entry> entry);
   [[nodiscard]] bool stillSame(Entry& entry) const;
